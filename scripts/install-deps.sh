@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs, as root, the Debian 12 packages this project builds with. Does
+# nothing when they are all present already.
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build pkg-config
+  libfmt-dev          # every trace and message text
+  libxxhash-dev       # the key hash
+  libgtest-dev libgmock-dev
+  libbenchmark-dev
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$package")
+  fi
+done
+
+if ((${#missing[@]} > 0)); then
+  if [[ $(id -u) -ne 0 ]]; then
+    echo "install-deps: missing packages: ${missing[*]}; run as root to install them" >&2
+    exit 1
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,52 @@
+#pragma once
+// Arena::Local: a block of private memory of one process, that can grow and
+// shrink and may move when it does. Backed by an anonymous private mapping
+// (sizes rounded up to whole pages) or, when asked, by the heap.
+//
+// Contract: attach(bytes, mode) gives a zeroed block of at least `bytes`, or
+// null with reason() set. resize(bytes) keeps the contents up to the smaller
+// size, zeroes what is added, and returns the new base (which may differ from
+// the old), or null with reason() set; after a null the old block is gone.
+// memSize() is the usable size, which may be more than was asked for.
+
+#include <cstddef>
+#include <string>
+
+#include "Basalt/DebugHandler.h"
+
+namespace Arena {
+
+class Local {
+ public:
+  static constexpr int LOCAL_DEFAULT_FLAGS = 0;
+  static constexpr const char * HEAP = "heap";
+  static constexpr const char * ANONYMOUS = "anonymous";
+
+  Local(Basalt::Platform::DebugHandler & handler, bool useHeap = false,
+        int flags = LOCAL_DEFAULT_FLAGS);
+  ~Local();
+  Local(const Local &) = delete;
+  Local & operator=(const Local &) = delete;
+
+  void * attach(std::size_t bytes, int mode = 0);
+  void * resize(std::size_t bytes);
+  void detach();
+
+  void * base() const { return base_; }
+  std::size_t memSize() const { return size_; }
+  bool useHeap() const { return useHeap_; }
+  const char * kind() const { return useHeap_ ? HEAP : ANONYMOUS; }
+  const std::string & reason() const { return reason_; }
+
+ private:
+  std::size_t roundUp(std::size_t bytes) const;
+
+  Basalt::Platform::DebugHandler & handler_;
+  bool useHeap_;
+  int flags_;
+  void * base_ = nullptr;
+  std::size_t size_ = 0;
+  std::string reason_;
+};
+
+}  // namespace Arena
