@@ -1,0 +1,70 @@
+#pragma once
+// The table layer's records: every key and entry type of this library is a
+// field list over Rig/Record.h. An entry is a P4Runtime base, then its key
+// (attribute 130, read-only by attribute: set at construction), then its own
+// fields. TESSEL_ENTRY_CLASS and TESSEL_ENTRY_LAYOUT expand one field list
+// into the class and its Layout, so that a new table type is a field list.
+
+#include <cstddef>
+#include <ostream>
+#include <tuple>
+#include <type_traits>
+
+#include "Rig/Record.h"
+
+// The field list of a record that adds no fields of its own.
+#define TESSEL_NO_FIELDS(FIELD)
+
+namespace TesselHwLib {
+
+// The text form of every record of this library.
+template <Rig::Record::Described T>
+Rig::String valueToStrep(const T & value) {
+  return Rig::Record::toStrep(value);
+}
+
+template <Rig::Record::Described T>
+std::ostream & operator<<(std::ostream & stream, const T & value) {
+  return stream << valueToStrep(value);
+}
+
+}  // namespace TesselHwLib
+
+// class Name : public Base { key, FIELDS... } with constructors default (all
+// zero), from a key, copy and from text. Further public declarations of the
+// one type that needs them (a key setter, say) follow as extra arguments.
+#define TESSEL_ENTRY_CLASS(Name, Base, Key, FIELDS, ...)  \
+  class Name : public Base {                              \
+   public:                                                \
+    using KeyType = Key;                                  \
+    Name() = default;                                     \
+    explicit Name(const Key & key) : key_(key) {}         \
+    const Key & key() const { return key_; }              \
+    FIELDS(RIG_FIELD_ACCESSORS)                           \
+    __VA_ARGS__                                           \
+    RIG_RECORD_DECLARE(Name);                             \
+                                                          \
+   private:                                               \
+    Key key_;                                             \
+    FIELDS(RIG_FIELD_MEMBER)                              \
+  };
+
+// Layout<Name>: the base's fields, the key, then FIELDS, in that order, and
+// the checks that keep the record fit to lie in a shared file: its size, each
+// field's offset, and that it copies byte for byte.
+#define TESSEL_ENTRY_LAYOUT(Name, Base, FIELDS, size)                                         \
+  template <>                                                                                 \
+  struct Rig::Record::Layout<TesselHwLib::Name> {                                             \
+    using Self = TesselHwLib::Name;                                                           \
+    static constexpr std::string_view typeName = "TesselHwLib::" #Name;                       \
+    static constexpr auto fields =                                                            \
+        std::tuple_cat(Layout<Base>::fields, std::tuple{Field{"key", 130, &Self::key_}},     \
+                       std::tuple{FIELDS(RIG_FIELD_DESCRIPTOR)});                             \
+    static_assert(sizeof(Self) == (size), #Name " is " #size " bytes in slot files");         \
+    static_assert(std::is_trivially_copyable_v<Self>,                                         \
+                  #Name " is copied byte for byte into shared files");                        \
+    RIG_OFFSET_CHECKS_BEGIN                                                                   \
+    static_assert(offsetof(Self, key_) == 24, #Name " keeps its key at byte 24");             \
+    FIELDS(RIG_FIELD_OFFSET_CHECK)                                                            \
+    RIG_OFFSET_CHECKS_END                                                                     \
+  }
