@@ -16,12 +16,35 @@
 //                       reason() set, and then nothing stays mapped.
 //   memSize()           the bytes mapped; while detached, the size of the file
 //                       on disk (0 when it does not exist).
-//   fileSize()          the size of the file on disk now.
-//   remove()            unlinks the file (the writer's cleanup alone calls it).
-// A mapping is released by detach() or the destructor, never by anything else.
+//   fileSize()          the size of the file on disk now: of the file mapped
+//                       while attached (another process may have extended it
+//                       since), of the file at the path while detached. A
+//                       reader that must know whether the file holds what its
+//                       header announces asks this, not memSize().
+//   remove()            unlinks the file, detaching first if it is mapped (the
+//                       writer's cleanup alone calls it). True when no file is
+//                       left at the path, an absent file included.
+// A mapping is released by detach(), a failed resize or the destructor, never
+// by anything else.
+//
+// Sizes of 0: attach maps at least one byte, so attaching 0 bytes of an empty
+// or absent file (or of private memory) fails. resize(0) releases the mapping
+// and returns null with reason() empty, which is not a failure.
+//
+// A ReadWrite attach creates the directory and its missing parents (mode
+// 0755) and the file (mode 0644). A ReadOnly attach or resize never changes
+// the file: asking for more than it holds fails, since touching a mapped page
+// past the end of a file raises SIGBUS.
+//
+// reason() says what failed, on which path, and the system's error text; the
+// same words go to the trace at level 0 behind "ArenaFilesWrapper::<method>() ".
+// With `localMem`, a block of Arena::Local (on the heap with `useHeap`) takes
+// the file's place: nothing is created on disk, fileSize() is memSize(), and
+// the directory and name serve only in texts.
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Arena/Local.h"
@@ -35,8 +58,10 @@ class ArenaFilesWrapper {
 
   // `directory` holds the table's files; `localMem` backs the wrapper by
   // private memory, and then the directory and name serve only in texts.
+  // `useHeap` puts that private memory on the heap; without `localMem` it is
+  // not looked at.
   ArenaFilesWrapper(Basalt::Platform::DebugHandler & handler, std::string directory,
-                    std::string fileName, bool localMem);
+                    std::string fileName, bool localMem, bool useHeap = false);
   ~ArenaFilesWrapper();
   ArenaFilesWrapper(const ArenaFilesWrapper &) = delete;
   ArenaFilesWrapper & operator=(const ArenaFilesWrapper &) = delete;
@@ -56,7 +81,13 @@ class ArenaFilesWrapper {
   const std::string & reason() const { return reason_; }
 
  private:
-  void fail(const std::string & what);
+  void * attachFile(std::size_t size);
+  void * resizeFile(std::size_t size);
+  bool makeDirectories();
+  // The length of the open file, or nothing with the failure recorded.
+  std::optional<std::size_t> openFileLength(const char * method);
+  // Releases the mapping, records `what` as the reason, traces it; returns null.
+  void * fail(const char * method, std::string what);
 
   Basalt::Platform::DebugHandler & handler_;
   std::string directory_;

@@ -1,5 +1,7 @@
 #include "Arena/Atomics.h"
 
+#include <atomic>
+
 namespace Arena::Atomics {
 
 bool checkCpuSupport() {

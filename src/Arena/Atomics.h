@@ -25,52 +25,62 @@
 // None of these emits a `lock` prefix or `mfence`: seq_cst is never used.
 // All shared words are naturally aligned, so each access is single-copy atomic.
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
+// How the primitives are built: GCC's __atomic builtins, each with its order as
+// a literal. The order must be a constant where the builtin is expanded; when it
+// arrives through a parameter (as std::atomic_ref::store passes it) a build
+// without optimisation treats it as seq_cst and emits an `xchg` store and a
+// locked `or` for a fence. always_inline puts the access into its caller at any
+// optimisation level, so every build runs the plain `mov` the protocol is
+// written for. tests/Arena/AtomicsCodegenTest.cpp disassembles them to prove it.
+#define ARENA_ATOMICS_INLINE [[gnu::always_inline]] inline
+
 namespace Arena::Atomics {
 
-inline void publish64(uint64_t & word, uint64_t value) {
-  std::atomic_ref<uint64_t>(word).store(value, std::memory_order_release);
+ARENA_ATOMICS_INLINE void publish64(uint64_t & word, uint64_t value) {
+  __atomic_store_n(&word, value, __ATOMIC_RELEASE);
 }
 
-inline void publish32(uint32_t & word, uint32_t value) {
-  std::atomic_ref<uint32_t>(word).store(value, std::memory_order_release);
+ARENA_ATOMICS_INLINE void publish32(uint32_t & word, uint32_t value) {
+  __atomic_store_n(&word, value, __ATOMIC_RELEASE);
 }
 
-inline void publish16(uint16_t & word, uint16_t value) {
-  std::atomic_ref<uint16_t>(word).store(value, std::memory_order_release);
+ARENA_ATOMICS_INLINE void publish16(uint16_t & word, uint16_t value) {
+  __atomic_store_n(&word, value, __ATOMIC_RELEASE);
 }
 
-inline uint64_t observe64(const uint64_t & word) {
-  return std::atomic_ref<uint64_t>(const_cast<uint64_t &>(word)).load(std::memory_order_acquire);
+ARENA_ATOMICS_INLINE uint64_t observe64(const uint64_t & word) {
+  return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
 }
 
-inline uint32_t observe32(const uint32_t & word) {
-  return std::atomic_ref<uint32_t>(const_cast<uint32_t &>(word)).load(std::memory_order_acquire);
+ARENA_ATOMICS_INLINE uint32_t observe32(const uint32_t & word) {
+  return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
 }
 
-inline uint16_t observe16(const uint16_t & word) {
-  return std::atomic_ref<uint16_t>(const_cast<uint16_t &>(word)).load(std::memory_order_acquire);
+ARENA_ATOMICS_INLINE uint16_t observe16(const uint16_t & word) {
+  return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
 }
 
-inline void storeQuiet64(uint64_t & word, uint64_t value) {
-  std::atomic_ref<uint64_t>(word).store(value, std::memory_order_relaxed);
+// Relaxed: these words are trusted only after the guard word around them has
+// been checked, so they need atomicity (no torn qword) but no order of their own.
+ARENA_ATOMICS_INLINE void storeQuiet64(uint64_t & word, uint64_t value) {
+  __atomic_store_n(&word, value, __ATOMIC_RELAXED);
 }
 
-inline uint64_t loadQuiet64(const uint64_t & word) {
-  return std::atomic_ref<uint64_t>(const_cast<uint64_t &>(word)).load(std::memory_order_relaxed);
+ARENA_ATOMICS_INLINE uint64_t loadQuiet64(const uint64_t & word) {
+  return __atomic_load_n(&word, __ATOMIC_RELAXED);
 }
 
-inline void storeFence() { std::atomic_thread_fence(std::memory_order_release); }
-inline void loadFence() { std::atomic_thread_fence(std::memory_order_acquire); }
+ARENA_ATOMICS_INLINE void storeFence() { __atomic_thread_fence(__ATOMIC_RELEASE); }
+ARENA_ATOMICS_INLINE void loadFence() { __atomic_thread_fence(__ATOMIC_ACQUIRE); }
 
 // Copies a value image into shared memory, qword by qword, each store single-copy
 // atomic. `bytes` is a multiple of 8 and both addresses are 8-aligned: every
 // record that lies in a shared file is (static_asserts at each record say so).
-inline void copyQuietIn(void * shared, const void * local, std::size_t bytes) {
+ARENA_ATOMICS_INLINE void copyQuietIn(void * shared, const void * local, std::size_t bytes) {
   auto * to = static_cast<uint64_t *>(shared);
   const auto * from = static_cast<const unsigned char *>(local);
   for (std::size_t i = 0; i < bytes / 8; ++i) {
@@ -81,7 +91,7 @@ inline void copyQuietIn(void * shared, const void * local, std::size_t bytes) {
 }
 
 // The reverse of copyQuietIn: a reader's copy of a value it will check afterwards.
-inline void copyQuietOut(void * local, const void * shared, std::size_t bytes) {
+ARENA_ATOMICS_INLINE void copyQuietOut(void * local, const void * shared, std::size_t bytes) {
   const auto * from = static_cast<const uint64_t *>(shared);
   auto * to = static_cast<unsigned char *>(local);
   for (std::size_t i = 0; i < bytes / 8; ++i) {
@@ -97,3 +107,5 @@ inline void copyQuietOut(void * local, const void * shared, std::size_t bytes) {
 bool checkCpuSupport();
 
 }  // namespace Arena::Atomics
+
+#undef ARENA_ATOMICS_INLINE

@@ -7,9 +7,21 @@
 // null with reason() set. resize(bytes) keeps the contents up to the smaller
 // size, zeroes what is added, and returns the new base (which may differ from
 // the old), or null with reason() set; after a null the old block is gone.
-// memSize() is the usable size, which may be more than was asked for.
+// memSize() is the usable size, which may be more than was asked for: whole
+// pages for the anonymous mapping, exactly the bytes asked for on the heap.
+//
+// A size of 0 holds no memory: attach(0) and resize(0) release the block and
+// return null with memSize() 0 and reason() empty. That null is not a failure;
+// a failure is a null with reason() set.
+//
+// `mode` of attach: 0 is the one mode there is; any other fails with a reason.
+// `flags` are added to the flags of the anonymous mapping (MAP_POPULATE,
+// MAP_NORESERVE...); the heap ignores them.
+// Failures are also traced at level 0, "Local::attach() " or "Local::resize() "
+// and the reason.
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 #include "Basalt/DebugHandler.h"
@@ -39,7 +51,15 @@ class Local {
   const std::string & reason() const { return reason_; }
 
  private:
-  std::size_t roundUp(std::size_t bytes) const;
+  // `bytes` up to whole pages; nothing when that does not fit a size_t.
+  static std::optional<std::size_t> roundUp(std::size_t bytes);
+  // What attach (from no block) and resize (from the present one) share;
+  // `method` names the caller in the trace of a failure.
+  void * change(const char * method, std::size_t bytes);
+  void * changeHeap(const char * method, std::size_t bytes);
+  void * changeAnonymous(const char * method, std::size_t bytes);
+  // Releases the block, records `what` as the reason, traces it; returns null.
+  void * fail(const char * method, std::string what);
 
   Basalt::Platform::DebugHandler & handler_;
   bool useHeap_;

@@ -40,7 +40,7 @@ ErrorCode sequenceToValue(Rig::Cursor & cursor, Rig::Cursor end, std::string_vie
     while (wordEnd != end && isNameChar(*wordEnd)) {
       ++wordEnd;
     }
-    std::string_view word(&*cursor, static_cast<std::size_t>(wordEnd - cursor));
+    std::string_view word(cursor, wordEnd);
     for (uint32_t i = 0; i < names.size(); ++i) {
       if (names[i] == word) {
         cursor = wordEnd;

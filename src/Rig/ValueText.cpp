@@ -12,8 +12,8 @@ namespace {
 constexpr std::size_t contextLength = 24;
 
 std::string_view upcoming(Cursor cursor, Cursor end) {
-  auto length = std::min<std::size_t>(contextLength, static_cast<std::size_t>(end - cursor));
-  return std::string_view(&*cursor, length);
+  auto length = std::min<std::ptrdiff_t>(contextLength, end - cursor);
+  return std::string_view(cursor, cursor + length);
 }
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
@@ -95,7 +95,7 @@ uint64_t parseUnsigned(Cursor & cursor, Cursor end, std::string_view attributeNa
   if (overflow) {
     throw RangeException(
         fmt::format("Rig::deserializeAttr() attribute '{}': value {} out of range, maximum {}",
-                    attributeName, std::string_view(&*start, static_cast<std::size_t>(cursor - start)),
+                    attributeName, std::string_view(start, cursor),
                     maximum));
   }
   return value;

@@ -45,14 +45,21 @@ bool parseBool(Cursor & cursor, Cursor end, std::string_view attributeName);
 String parseQuoted(Cursor & cursor, Cursor end, std::string_view attributeName);
 }  // namespace Impl
 
+// The runtime's texts (String, Name): quoted strings. std::string's
+// iterator-range constructor makes them constructible from (cursor, end) too,
+// so they are told apart from records by type, not by that constructor.
+template <typename T>
+concept TextType = std::derived_from<T, String>;
+
 // A record type parses itself: it has a constructor from (cursor, end).
 template <typename T>
-concept TextConstructible = std::is_class_v<T> && std::constructible_from<T, Cursor &, Cursor>;
+concept TextConstructible =
+    std::is_class_v<T> && !TextType<T> && std::constructible_from<T, Cursor &, Cursor>;
 
 // Parses one value of T at the cursor as the value of attribute `attributeName`.
 //   - unsigned integers of every width and bool: parsed here; out of range
 //     raises RangeException naming the attribute;
-//   - String: the quoted form above;
+//   - String and Name: the quoted form above;
 //   - records: their text constructor, with RangeException re-raised through
 //     rethrowFromDeserializeAttr;
 //   - other types (addresses, enumerations): `sequenceToValue(cursor, end,
@@ -64,8 +71,8 @@ T deserializeAttr(Cursor & cursor, Cursor end, std::string_view attributeName) {
   } else if constexpr (std::is_integral_v<T> && std::is_unsigned_v<T>) {
     return static_cast<T>(
         Impl::parseUnsigned(cursor, end, attributeName, std::numeric_limits<T>::max()));
-  } else if constexpr (std::is_same_v<T, String>) {
-    return Impl::parseQuoted(cursor, end, attributeName);
+  } else if constexpr (TextType<T>) {
+    return T(Impl::parseQuoted(cursor, end, attributeName));
   } else if constexpr (TextConstructible<T>) {
     try {
       return T(cursor, end);

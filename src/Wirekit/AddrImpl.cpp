@@ -65,7 +65,7 @@ Rig::String inetFormat(std::span<const uint8_t> bytes) {
   const char * written = inet_ntop(inetFamily(bytes.size()), bytes.data(), text, sizeof(text));
   BASALT_ASSERT(written != nullptr, std::string(sourceName),
                 "inet_ntop fails only for an unknown family or a short buffer");
-  return Rig::String(std::string_view(text));
+  return Rig::String(written);
 }
 
 uint32_t hashBytes(std::span<const uint8_t> bytes) {

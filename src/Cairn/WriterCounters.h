@@ -1,0 +1,23 @@
+#pragma once
+// Cairn::Writer::Counters: what one table's writer has done since it attached.
+// Plain counters, raised on the writer's thread without a lock; read out as a
+// copy by writerCounters().
+
+#include <cstdint>
+
+namespace Cairn::Writer {
+
+struct Counters {
+  uint64_t slotsAllocated = 0;   // SlotWriterTable::alloc
+  uint64_t slotsRemoved = 0;     // remove
+  uint64_t slotRemaps = 0;       // a resize moved the mapping
+  uint64_t slotGrows = 0;        // SlotWriterTable::grow
+  uint64_t slotShrinks = 0;      // a finished shrink
+  uint64_t slotMoves = 0;        // slots moved by shrinks
+  uint64_t directWrites = 0;     // directWrite and directUpdate
+  uint64_t directCommits = 0;    // directCommit
+  uint64_t nextSlowPaths = 0;    // iterations that had to look their key up again
+  uint64_t pendingNotifications = 0;
+};
+
+}  // namespace Cairn::Writer
