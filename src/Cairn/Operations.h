@@ -7,7 +7,8 @@
 //   Key    fixed-size, pointer-free, ==, <, and hash(seed) -> 32 bits
 //   Value  fixed-size, pointer-free, trivially copyable, a multiple of 8
 //          bytes, ==, fwkKey() giving the key it contains, and a type name
-//          (Value::typeName()) for the slot file's header
+//          (Value::typeName()) for the slot file's header, and a constructor
+//          from a key giving the default value with that key
 // Texts of both come from valueToStrep found in their namespaces.
 
 #include <cstdint>
@@ -74,6 +75,8 @@ struct ValueOps {
   static bool equal(const V & a, const V & b) { return a == b; }
   static std::string toString(const V & value) { return ToString<V>()(value); }
   static std::string_view typeName() { return V::typeName(); }
+  // The default value that carries `key`.
+  static V withKey(const K & key) { return V(key); }
 };
 
 // How a slot is filled. This store copies whole values through Marshall; the

@@ -311,11 +311,13 @@ class WriterHashMap : public Basalt::Debuggable {
     return KeyOperations::less(b, a) ? 1 : 0;
   }
 
+  // The index of the slot whose link `link` is; EndOfTable for a bucket entry,
+  // which lies in the other file's mapping, below or above the slots.
   uint32_t slotIndexOf(const SlotLink * link) const {
-    const auto * base = reinterpret_cast<const char *>(slots_->slots().base);
-    const auto * at = reinterpret_cast<const char *>(link);
-    if (base == nullptr || at < base) {
-      return EndOfTable;  // a bucket entry, not a slot
+    const auto base = reinterpret_cast<std::uintptr_t>(slots_->slots().base);
+    const auto at = reinterpret_cast<std::uintptr_t>(link);
+    if (base == 0 || at < base || at - base >= std::uintptr_t{slots_->capacity()} * SlotWriter::slotSize) {
+      return EndOfTable;
     }
     return static_cast<uint32_t>((at - base) / SlotWriter::slotSize);
   }

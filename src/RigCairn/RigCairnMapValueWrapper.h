@@ -21,6 +21,8 @@ class RigCairnMapValueWrapper {
 
   RigCairnMapValueWrapper() = default;
   explicit RigCairnMapValueWrapper(const E & entry) : value(entry) {}
+  // The default entry with `key`.
+  explicit RigCairnMapValueWrapper(const K & key) : value(key) {}
 
   const K & fwkKey() const { return (value.*KeyAccessor)(); }
   bool operator==(const RigCairnMapValueWrapper & other) const { return value == other.value; }

@@ -3,7 +3,9 @@
 // field list over Rig/Record.h. An entry is a P4Runtime base, then its key
 // (attribute 130, read-only by attribute: set at construction), then its own
 // fields. TESSEL_ENTRY_CLASS and TESSEL_ENTRY_LAYOUT expand one field list
-// into the class and its Layout, so that a new table type is a field list.
+// into the class and its Layout, and TESSEL_KEY_CLASS and TESSEL_KEY_LAYOUT
+// do the same for a key of several fields, so that a new table type is a
+// field list.
 
 #include <cstddef>
 #include <ostream>
@@ -29,6 +31,39 @@ std::ostream & operator<<(std::ostream & stream, const T & value) {
 }
 
 }  // namespace TesselHwLib
+
+// class Name { FIELDS... } for a key of a TCAM table: the default constructor
+// (all zero, addresses unset), accessors of every field, the text
+// constructor, equality, operator!, order and hash. Further public
+// declarations of the one key that needs them (its validation, say) follow as
+// extra arguments.
+#define TESSEL_KEY_CLASS(Name, FIELDS, ...) \
+  class Name {                              \
+   public:                                  \
+    Name() = default;                       \
+    FIELDS(RIG_FIELD_ACCESSORS)             \
+    __VA_ARGS__                             \
+    RIG_RECORD_DECLARE(Name);               \
+    RIG_KEY_DECLARE(Name);                  \
+                                            \
+   private:                                 \
+    FIELDS(RIG_FIELD_MEMBER)                \
+  };
+
+// Layout<Name> of a key made by TESSEL_KEY_CLASS, and the checks that keep it
+// fit to lie in a shared file inside its entries: its size (padding
+// included), each field's offset, and that it copies byte for byte.
+#define TESSEL_KEY_LAYOUT(Name, FIELDS, size)                                               \
+  template <>                                                                               \
+  struct Rig::Record::Layout<TesselHwLib::Name> {                                           \
+    using Self = TesselHwLib::Name;                                                         \
+    static constexpr std::string_view typeName = "TesselHwLib::" #Name;                     \
+    static constexpr std::tuple fields{FIELDS(RIG_FIELD_DESCRIPTOR)};                       \
+    static_assert(sizeof(Self) == (size), #Name " is " #size " bytes in slot files");       \
+    static_assert(std::is_trivially_copyable_v<Self>,                                       \
+                  #Name " is copied byte for byte into shared files");                      \
+    FIELDS(RIG_FIELD_OFFSET_CHECK)                                                          \
+  }
 
 // class Name : public Base { key, FIELDS... } with constructors default (all
 // zero), from a key, copy and from text. Further public declarations of the
