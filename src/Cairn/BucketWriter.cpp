@@ -66,7 +66,7 @@ void BucketWriterTable::resize(uint32_t numBuckets) {
   const void * oldBase = header_;
   remap(bucketFileSize(numBuckets), "resize");
   if (header_ != oldBase) {
-    ++counters_->slotRemaps;
+    ++counters_->bucketRemaps;
   }
   // Entries above the old count hold what an earlier, larger table left, or
   // zeros: either is a well-formed link word, and the map stores every one of

@@ -10,7 +10,8 @@ namespace Cairn::Writer {
 struct Counters {
   uint64_t slotsAllocated = 0;   // SlotWriterTable::alloc
   uint64_t slotsRemoved = 0;     // remove
-  uint64_t slotRemaps = 0;       // a resize moved the mapping
+  uint64_t slotRemaps = 0;       // a slot file resize moved the mapping
+  uint64_t bucketRemaps = 0;     // a bucket file resize moved the mapping
   uint64_t slotGrows = 0;        // SlotWriterTable::grow
   uint64_t slotShrinks = 0;      // a finished shrink
   uint64_t slotMoves = 0;        // slots moved by shrinks
