@@ -1,5 +1,7 @@
 #include "Arena/ArenaFilesWrapper.h"
 
+#include "Basalt/Util.h"
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -51,6 +53,7 @@ void * ArenaFilesWrapper::attach(std::size_t size, Mode mode) {
       return nullptr;
     }
   }
+  adviseDump();
   BASALT_TRACE(handler_, 5, "ArenaFilesWrapper::attach() {} {} bytes at {}", path_, memSize(), mapped);
   return mapped;
 }
@@ -77,6 +80,7 @@ void * ArenaFilesWrapper::resize(std::size_t size) {
       return nullptr;
     }
   }
+  adviseDump();
   BASALT_TRACE(handler_, 5, "ArenaFilesWrapper::resize() {} to {} bytes, base {} -> {}", path_, size, old,
                mapped);
   return mapped;
@@ -107,6 +111,25 @@ bool ArenaFilesWrapper::remove() {
   }
   fail("remove", fmt::format("cannot unlink {}: {}", path_, errorText()));
   return false;
+}
+
+bool ArenaFilesWrapper::dumpToCoreIs(bool dump) {
+  dumpToCore_ = dump;
+  return adviseDump();
+}
+
+// The heap's blocks share pages with other allocations, so private memory on
+// the heap is left as the heap has it.
+bool ArenaFilesWrapper::adviseDump() {
+  if (!dumpToCore_ || base() == nullptr || (local_ && local_->useHeap())) {
+    return true;
+  }
+  if (madvise(base(), memSize(), *dumpToCore_ ? MADV_DODUMP : MADV_DONTDUMP) != 0) {
+    BASALT_TRACE(handler_, 0, "ArenaFilesWrapper::dumpToCoreIs() madvise of {} failed: {}", path_,
+                 errorText());
+    return false;
+  }
+  return true;
 }
 
 void * ArenaFilesWrapper::base() const { return local_ ? local_->base() : base_; }
@@ -196,16 +219,12 @@ void * ArenaFilesWrapper::resizeFile(std::size_t size) {
 // mkdir on each prefix of the directory in turn, as `mkdir -p` does; one that
 // exists already is passed over.
 bool ArenaFilesWrapper::makeDirectories() {
-  for (std::size_t end = directory_.find('/', 1);; end = directory_.find('/', end + 1)) {
-    std::string prefix = directory_.substr(0, end);
-    if (!prefix.empty() && mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST) {
-      fail("attach", fmt::format("cannot create directory {}: {}", prefix, errorText()));
-      return false;
-    }
-    if (end == std::string::npos) {
-      return true;
-    }
+  std::string error;
+  if (!Basalt::Util::makeDirectories(directory_, error)) {
+    fail("attach", error);
+    return false;
   }
+  return true;
 }
 
 std::optional<std::size_t> ArenaFilesWrapper::openFileLength(const char * method) {

@@ -38,6 +38,15 @@
 //
 // reason() says what failed, on which path, and the system's error text; the
 // same words go to the trace at level 0 behind "ArenaFilesWrapper::<method>() ".
+//
+// dumpToCoreIs(bool) marks the mapping for core dumps: true MADV_DODUMP,
+// false MADV_DONTDUMP. The choice is remembered and applied again to every
+// later mapping (attach, resize), so it holds however the mapping moves; until
+// it is made, mappings keep the kernel's default. A shared file mapping is in
+// a core only if /proc/self/coredump_filter also asks for it
+// (Basalt::Util::includeShmemInCore). False when madvise fails (traced at
+// level 0); the choice is kept all the same.
+//
 // With `localMem`, a block of Arena::Local (on the heap with `useHeap`) takes
 // the file's place: nothing is created on disk, fileSize() is memSize(), and
 // the directory and name serve only in texts.
@@ -70,6 +79,7 @@ class ArenaFilesWrapper {
   void * resize(std::size_t size);
   void detach();
   bool remove();
+  bool dumpToCoreIs(bool dump);
 
   void * base() const;
   bool attached() const { return base() != nullptr; }
@@ -79,6 +89,7 @@ class ArenaFilesWrapper {
   Mode mode() const { return mode_; }
   const std::string & getFilename() const { return path_; }
   const std::string & reason() const { return reason_; }
+  std::optional<bool> dumpToCore() const { return dumpToCore_; }
 
  private:
   void * attachFile(std::size_t size);
@@ -86,6 +97,8 @@ class ArenaFilesWrapper {
   bool makeDirectories();
   // The length of the open file, or nothing with the failure recorded.
   std::optional<std::size_t> openFileLength(const char * method);
+  // Applies the dump-to-core choice, if one was made, to the present mapping.
+  bool adviseDump();
   // Releases the mapping, records `what` as the reason, traces it; returns null.
   void * fail(const char * method, std::string what);
 
@@ -98,6 +111,7 @@ class ArenaFilesWrapper {
   void * base_ = nullptr;
   std::size_t mapped_ = 0;
   std::string reason_;
+  std::optional<bool> dumpToCore_;
 };
 
 }  // namespace Arena

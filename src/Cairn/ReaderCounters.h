@@ -1,14 +1,17 @@
 #pragma once
 // Cairn::Reader::Counters: what the reader side of one table (reader, shadow
 // store and shadow hash map) has done. Plain counters raised without a lock
-// on the reader's thread; copied whole when read out.
+// on the reader's thread; copied whole when read out. The notification
+// queue's reader raises the fields of its base record in place, `sequence`
+// (the last notification applied) among them.
 
 #include <cstdint>
 
+#include "Ripple/RippleCounters.h"
+
 namespace Cairn::Reader {
 
-struct Counters {
-  uint64_t sequence = 0;          // last notification sequence applied
+struct Counters : Ripple::Reader::Counters {
   uint32_t lookasideReads = 0;    // values read from the LookasideSlot
   uint64_t bucketMappedSize = 0;  // bytes mapped of the bucket file
   uint32_t slotResizes = 0;       // remaps of the slot file

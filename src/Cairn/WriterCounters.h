@@ -1,13 +1,16 @@
 #pragma once
 // Cairn::Writer::Counters: what one table's writer has done since it attached.
 // Plain counters, raised on the writer's thread without a lock; read out as a
-// copy by writerCounters().
+// copy by writerCounters(). The notification queue raises the fields of its
+// own base record in place.
 
 #include <cstdint>
 
+#include "Ripple/RippleCounters.h"
+
 namespace Cairn::Writer {
 
-struct Counters {
+struct Counters : Ripple::Writer::Counters {
   uint64_t slotsAllocated = 0;   // SlotWriterTable::alloc
   uint64_t slotsRemoved = 0;     // remove
   uint64_t slotRemaps = 0;       // a slot file resize moved the mapping

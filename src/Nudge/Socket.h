@@ -1,0 +1,92 @@
+#pragma once
+// The Unix-domain sockets under the wake-up classes: SOCK_SEQPACKET, so that
+// every message arrives whole and alone and a send either queues a whole
+// message or nothing; non-blocking, so that neither side ever waits for the
+// other; close-on-exec.
+//
+// Socket names. A name that begins with "@" is in the abstract namespace
+// (the rest of the name, without "@", is the address): it needs no
+// directory and vanishes with the last descriptor, however the process
+// ends. Any other name is a path in the file system, normally inside the
+// table's directory, where it can be seen and is guarded by the directory's
+// permissions. A name has at most 107 bytes.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+#include "Nudge/NudgeFormat.h"
+
+namespace Nudge {
+
+// Owns one descriptor and closes it when it goes. Move-only.
+class Socket {
+ public:
+  Socket() = default;
+  explicit Socket(int fd) : fd_(fd) {}
+  Socket(Socket && other) noexcept;
+  Socket & operator=(Socket && other) noexcept;
+  Socket(const Socket &) = delete;
+  Socket & operator=(const Socket &) = delete;
+  ~Socket() { close(); }
+
+  int fd() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  void close();
+  // The process id of the peer, or 0 if the kernel can't tell it.
+  pid_t peerPid() const;
+
+ private:
+  int fd_ = -1;
+};
+
+// A listening socket bound to a name. A file-system name left behind by a
+// process that died (nobody accepts on it) is taken over; a name that a live
+// socket listens on is refused. close() removes the file, if it is still the
+// one this listener made.
+class Listener {
+ public:
+  Listener() = default;
+  Listener(const Listener &) = delete;
+  Listener & operator=(const Listener &) = delete;
+  ~Listener() { close(); }
+
+  // Binds and listens; on failure the listener stays closed and `error`
+  // tells why.
+  bool listenOn(const std::string & name, std::string & error);
+  void close();
+  // The next waiting connection, or an empty socket if none is waiting.
+  Socket accept() const;
+  int fd() const { return socket_.fd(); }
+  explicit operator bool() const { return static_cast<bool>(socket_); }
+
+ private:
+  Socket socket_;
+  std::string path_;  // the file-system name, or "" for an abstract one
+  dev_t device_ = 0;  // identity of the file that bind made
+  ino_t inode_ = 0;
+};
+
+// Connects to the socket listening on `name`; an empty socket, with the
+// reason in `error`, if that fails. Never waits: a listener whose backlog is
+// full refuses at once.
+Socket connectTo(const std::string & name, std::string & error);
+
+enum class SendResult {
+  Sent,
+  Full,    // the peer's queue is full: it doesn't read
+  Broken,  // the connection is gone
+};
+SendResult sendMessage(const Socket & socket, const Message & message, std::string & error);
+
+enum class ReceiveResult {
+  Received,
+  Empty,      // nothing waiting
+  Closed,     // the peer closed the connection, or it broke
+  Malformed,  // a record that is not 24 bytes long
+};
+// Takes the next record; `error` tells what Closed and Malformed mean.
+ReceiveResult receiveMessage(const Socket & socket, Message & message, std::string & error);
+
+}  // namespace Nudge
