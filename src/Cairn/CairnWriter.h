@@ -1,0 +1,490 @@
+#pragma once
+// CairnWriter: the backend of a map in writer mode, the one object in the
+// system that changes a table. It owns the slot table, the hash map with its
+// bucket table, and the notification queue.
+//
+// Writer thread only; exactly one writer process per table. Readers in other
+// processes see every store as it happens, so the order of stores in each
+// operation below is the protocol (see Cairn/SlotFormat.h and
+// Cairn/WriterHashMap.h for what each store guarantees):
+//  1. A new entry's slot is complete (link, rhash, value, OCCUPIED) before the
+//     one 64-bit link store that makes it reachable.
+//  2. A rewrite never shows a half-written value: the LookasideSlot holds the
+//     finished new value while the slot's LOOKASIDE bit is set, and is not
+//     touched while any LOOKASIDE bit is set.
+//  3. A removed slot keeps its link until it is put on the free list, so a
+//     reader standing on it still leaves it into the chain, and is then told
+//     by the changed flags and link versions to start over.
+//  4. A notification always comes after the change it reports; it carries
+//     only the slot index.
+// The runtimeFlags bit WriteInProgress is set while an operation changes the
+// file and stays set when one leaves by an exception: a mark of a writer that
+// stopped inside a change.
+
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "Arena/Atomics.h"
+#include "Basalt/Debuggable.h"
+#include "Basalt/Exception.h"
+#include "Cairn/CairnInterface.h"
+#include "Cairn/MapDescriptor.h"
+#include "Cairn/SlotWriter.h"
+#include "Cairn/WriterHashMap.h"
+#include "Ripple/RippleWriter.h"
+
+namespace Cairn {
+
+template <typename Key, typename Value, typename Ops>
+class CairnWriter : public CairnInterface<Key, Value>,
+                    public Basalt::Debuggable,
+                    public Ripple::RippleWriterNotifiee {
+ public:
+  using QuiescedCallback = std::function<void(bool)>;
+  using SlotWriter = SlotWriterTable<Key, Value, Ops>;
+  using Slot = typename SlotWriter::Slot;
+  using Map = WriterHashMap<Key, Value, Ops>;
+  using KeyOperations = typename Ops::KeyOperations;
+  using ValueOperations = typename Ops::ValueOperations;
+  using Marshalling = typename ValueOperations::Marshalling;
+
+  static constexpr uint32_t NoDirectSlot = 0xFFFFFFFFu;
+
+  CairnWriter(Basalt::Platform::DebugHandler & handler, const std::string & name,
+              const MapDescriptor & descriptor, const Ops & ops, const std::string & classType,
+              QuiescedCallback quiesced)
+      : Basalt::Debuggable(handler),
+        ops_(ops),
+        localMem_(descriptor.localMem),
+        rootPath_(handler, name, !descriptor.localMem),
+        quiesced_(std::move(quiesced)),
+        slots_(handler, rootPath_, ops_, counters_, slotConfig(descriptor, classType)),
+        map_(handler, rootPath_, counters_, ops_, slots_, descriptor.shrinkBuckets, localMem_),
+        ripple_(handler, rootPath_.directory(), counters_, localMem_,
+                descriptor.synchronous ? Ripple::PruneMode::Synchronous : Ripple::PruneMode::Balanced,
+                this) {}
+
+  ~CairnWriter() override { detachPieces(); }
+
+  // ---- Data operations ----
+
+  const Value * write(const Value & value, bool publish) override {
+    const Key & key = KeyOperations::key(value);
+    checkNoDirectOperation([&] {
+      return fmt::format("CairnWriter::write() unbalanced directSlot:{} containing value:{} when writing "
+                         "value:{} - Make sure the DirectIs/Commit are properly paired!",
+                         directSlot_, openValueText(), ValueOperations::toString(value));
+    });
+    writeInProgressIs(true);
+    const uint32_t hash = KeyOperations::hash(key);
+    const uint32_t bucket = map_.bucketOf(hash);
+    SlotLink * prev;
+    SlotLink * curr;
+    Slot * slot;
+    if (map_.find(key, bucket, &prev, &curr, hash)) {
+      slot = asSlot(curr);
+      BASALT_TRACE(debugHandler(), 9, "CairnWriter::write() existing {} bucket:{} slot:{} next:{}",
+                   KeyOperations::toString(key), bucket, indexOf(slot), slot->link.value());
+      if (!publish) {
+        writeInProgressIs(false);
+        return &slot->value;
+      }
+      rewrite(slot, value);
+    } else {
+      slot = insert(key, value, bucket, hash, prev);
+    }
+    ripple_.notify(indexOf(slot));
+    writeInProgressIs(false);
+    return &slot->value;
+  }
+
+  bool remove(const Key & key, Value & removed) override {
+    checkNoDirectOperation([&] {
+      return fmt::format("CairnWriter::remove() unbalanced directSlot:{} containing value:{} when removing "
+                         "key:{} - Make sure the DirectIs/Commit are properly paired!",
+                         directSlot_, openValueText(), KeyOperations::toString(key));
+    });
+    const uint32_t hash = KeyOperations::hash(key);
+    const uint32_t bucket = map_.bucketOf(hash);
+    SlotLink * prev;
+    SlotLink * curr;
+    if (!map_.find(key, bucket, &prev, &curr, hash)) {
+      BASALT_TRACE(debugHandler(), 9, "CairnWriter::remove() {} bucket:{} not found",
+                   KeyOperations::toString(key), bucket);
+      return false;
+    }
+    writeInProgressIs(true);
+    Slot * slot = asSlot(curr);
+    const uint32_t index = indexOf(slot);
+    Marshalling::fromSlot(removed, &slot->value);
+    // Unlinks the entry: no bucket reaches it from here on. The slot keeps
+    // its own link, so a reader standing on it still gets out into the chain.
+    prev->storeNext(slot->link.value());
+    // OCCUPIED clear with the version unchanged: a reader's flags comparison
+    // fails on bit 0.
+    Arena::Atomics::publish32(slot->flags, slot->flags & ~OCCUPIED);
+    pushFree(slot, index);
+    ++counters_.slotsRemoved;
+    ripple_.notify(index);
+    BASALT_TRACE(debugHandler(), 9, "CairnWriter::remove() {} bucket:{} slot:{}",
+                 KeyOperations::toString(key), bucket, index);
+    map_.maybeShrinkBuckets();
+    writeInProgressIs(false);
+    return true;
+  }
+
+  const Value * lookup(const Key & key, bool & found, Value * out) const override {
+    const Value * address = map_.lookup(key, found);
+    if (found) {
+      if (out != nullptr) {
+        Marshalling::fromSlot(*out, address);
+      }
+      return address;
+    }
+    slots_.resetAnchor();
+    if (out != nullptr) {
+      *out = ops_.defaultValue;
+    }
+    return &ops_.defaultValue;
+  }
+
+  bool first(Value & value, IterHint & hint) const override { return map_.first(0, value, hint); }
+
+  bool next(const Key & key, Value & value, IterHint & hint) const override {
+    return map_.next(key, value, hint);
+  }
+
+  // Opens a direct operation: the caller fills the returned value in place
+  // and closes with directCommit(). An existing entry is filled in the
+  // LookasideSlot, so readers keep seeing the old value until the commit; a
+  // new one in its own slot, which nothing links to until the commit.
+  Value * directWrite(const Key & key) override {
+    checkNoDirectOperation([&] { return directMisuse("directWrite", key); });
+    writeInProgressIs(true);  // stays set until directCommit
+    const uint32_t hash = KeyOperations::hash(key);
+    const uint32_t bucket = map_.bucketOf(hash);
+    SlotLink * curr;
+    const bool found = map_.find(key, bucket, &directPrev_, &curr, hash);
+    Slot * slot = found ? asSlot(curr) : allocRebasing(hash, directPrev_);
+    ++counters_.directWrites;
+    Value * address = found ? &slots_.lookasideSlot()->value : &slot->value;
+    Marshalling::toSlot(address, ValueOperations::withKey(key));
+    BASALT_TRACE(debugHandler(), 9, "CairnWriter::directWrite() {} {} bucket:{} slot:{} next:{}",
+                 found ? " existing " : " new ", KeyOperations::toString(key), bucket, indexOf(slot),
+                 slot->link.value());
+    directSlot_ = indexOf(slot);
+    directNew_ = !found;
+    return address;
+  }
+
+  // Opens a direct operation on an existing entry; null if the key is absent.
+  // The returned LookasideSlot value holds what the last rewrite left there:
+  // the caller fills every field it wants to survive.
+  Value * directUpdate(const Key & key) override {
+    checkNoDirectOperation([&] { return directMisuse("directUpdate", key); });
+    writeInProgressIs(true);
+    const uint32_t hash = KeyOperations::hash(key);
+    const uint32_t bucket = map_.bucketOf(hash);
+    SlotLink * curr;
+    if (!map_.find(key, bucket, &directPrev_, &curr, hash)) {
+      writeInProgressIs(false);
+      return nullptr;
+    }
+    Slot * slot = asSlot(curr);
+    ++counters_.directWrites;
+    directSlot_ = indexOf(slot);
+    directNew_ = false;
+    writeInProgressIs(false);
+    return (slot->flags & OCCUPIED) ? &slots_.lookasideSlot()->value : &slot->value;
+  }
+
+  void directCommit() override {
+    BASALT_TRACE(debugHandler(), 9, "CairnWriter::directCommit() slot: {}", directSlot_);
+    BASALT_ASSERT(directSlot_ != NoDirectSlot, "Cairn/CairnWriter",
+                  "CairnWriter::directCommit() not in direct mode! Make sure the DirectIs/Commit are "
+                  "properly paired!");
+    const uint32_t index = directSlot_;
+    Slot * slot = slots_.slots()[index];
+    if (directNew_) {
+      slot->link.storeNext(directPrev_->value());
+    }
+    ++counters_.directCommits;
+    const uint32_t flags = slot->flags;
+    if (flags & OCCUPIED) {
+      copyThroughLookaside(slot);
+    } else {
+      // The new value was filled in place; this store sets OCCUPIED after it.
+      Arena::Atomics::publish32(slot->flags, (flags + 4) | OCCUPIED);
+    }
+    directSlot_ = NoDirectSlot;
+    if (directNew_) {
+      beforePublish(index);
+      // Publishes the new entry: the slot is complete and linked onward.
+      directPrev_->storeNext(index);
+      directNew_ = false;
+    }
+    map_.maybeGrowBuckets();
+    ripple_.notify(index);
+    writeInProgressIs(false);
+  }
+
+  // ---- State ----
+
+  uint32_t members() const override { return slots_.header()->occupiedSlots; }
+  uint32_t capacity() const override { return slots_.capacity(); }
+  uint32_t maxSize() const override { return slots_.tableSize(); }
+  uint32_t minSize() const override { return slots_.minSlots(); }
+  CairnType type() const override { return CairnType::writer; }
+  RootPath rootPath() const override { return rootPath_; }
+  std::string cairnName() const override { return rootPath_.cairnName(); }
+  uint32_t mountStatus() const override {
+    const uint32_t status = this->initialized() ? 1 : 0;
+    BASALT_TRACE(debugHandler(), 5, "CairnWriter::mountStatus: {}", status);
+    return status;
+  }
+  ArenaFiles::EpochId epochId() const override { return epochId_; }
+  uint64_t sequence() const override { return ripple_.sequence(); }
+  bool quiesced() const override { return ripple_.quiesced(); }
+  bool clientQuiesced(const std::string & readerName) const override {
+    return !readerName.empty() && ripple_.clientQuiesced(readerName);
+  }
+  void handleQuiesced(bool quiesced) override { quiesced_(quiesced); }
+  void shrink() override {}
+
+  Writer::Counters writerCounters() const override { return counters_; }
+
+  void validateVersionAnchor() const override {
+    const Arena::VersionAnchor anchor = slots_.versionAnchor();
+    if (versionAnchorHook_ != nullptr) {
+      versionAnchorHook_(anchor);
+    }
+    anchor.validate();
+  }
+  void validateVersionAnchorHookIs(VersionAnchorHook hook) override { versionAnchorHook_ = hook; }
+
+  std::string dumpHeaders() const {
+    std::string text = fmt::format("Cairn table \"{}\"\n\n\n{}\n\n{}\n\n", rootPath_.cairnName(),
+                                   map_.buckets().toString(), slots_.header()->toString());
+    if (slots_.header()->constFlags & HasRippleTable) {
+      text += ripple_.headersToString();
+    }
+    return text;
+  }
+
+  // ---- Life ----
+
+  bool initialize(const std::string &) override {
+    if (!localMem_ && !Arena::Atomics::checkCpuSupport()) {
+      BASALT_TRACE(debugHandler(), 0, "Hardware does not support Atomics");
+      throw Basalt::InvalidInitializeException("Hardware does not support Atomics");
+    }
+    if (!this->initialized()) {
+      attach();
+      this->initializedIs(true);
+    }
+    return true;
+  }
+
+  // Attaches the three pieces under a new generation, or, for a table whose
+  // generation is known, keeps them.
+  void attach() {
+    BASALT_TRACE(debugHandler(), 5, "CairnWriter::attach() localMem_: {} rootPath:{}", localMem_,
+                 rootPath_.toString());
+    if (epochId_.none()) {
+      epochId_ = newEpochId();
+    }
+    attachPieces(epochId_);
+  }
+
+  // Attaches slot file, bucket file and queue under `epochId`; returns the
+  // results joined (1 all new, 2 all kept; anything else is a mixture).
+  int attachPieces(ArenaFiles::EpochId epochId) {
+    epochId_ = epochId;
+    counters_ = Writer::Counters();
+    return slots_.attach(epochId) | map_.attach(epochId) | ripple_.attach(epochId);
+  }
+
+  void detach(bool) override {
+    if (directNew_) {
+      slots_.anchorOn(slots_.slots()[directSlot_], slots_.slots()[directSlot_]->flags);
+      Basalt::debugAndThrowAssertException(
+          "Cairn/CairnWriter", __func__, __LINE__,
+          fmt::format("CairnWriter::detach() unbalanced directSlot:{} containing value:{} - Make sure "
+                      "the DirectIs/Commit are properly paired!",
+                      directSlot_, openValueText()));
+    }
+    detachPieces();
+    this->initializedIs(false);
+  }
+
+  const SlotWriter & slotTable() const { return slots_; }
+  const Map & map() const { return map_; }
+  Map & map() { return map_; }
+  const Ripple::RippleWriter & ripple() const { return ripple_; }
+
+ protected:
+  // Called right before the store that publishes a new entry in `slot`; the
+  // slot is complete at this point. A seam for tests that inspect the file
+  // between the two.
+  virtual void beforePublish(uint32_t /*slot*/) {}
+
+ private:
+  static typename SlotWriter::Config slotConfig(const MapDescriptor & descriptor,
+                                                const std::string & classType) {
+    return {descriptor.maxSlots, descriptor.fixedSize, descriptor.shrinkSlots, classType,
+            descriptor.localMem};
+  }
+
+  // A new generation: this process's id in the low half, a counter of the
+  // ids this writer type made in the high half (0 for local memory).
+  ArenaFiles::EpochId newEpochId() const {
+    static uint16_t made = 0;
+    const auto pid = static_cast<uint16_t>(getpid());
+    return ArenaFiles::EpochId::of(localMem_ ? 0 : made++, pid);
+  }
+
+  // The write guard: set when an operation begins to change the file, cleared
+  // when it ends normally; an operation that leaves by an exception leaves it set.
+  void writeInProgressIs(bool on) {
+    auto & header = *slots_.header();
+    const uint16_t flags = on ? (header.runtimeFlags | WriteInProgress)
+                              : (header.runtimeFlags & ~WriteInProgress);
+    Arena::Atomics::publish16(header.runtimeFlags, flags);
+  }
+
+  Slot * asSlot(SlotLink * link) const { return reinterpret_cast<Slot *>(link); }
+  uint32_t indexOf(const Slot * slot) const {
+    return static_cast<uint32_t>(slot - slots_.slots().base);
+  }
+
+  // Rewrites an existing entry behind the LOOKASIDE bit.
+  void rewrite(Slot * slot, const Value & value) {
+    Slot * lookaside = slots_.lookasideSlot();
+    Arena::Atomics::publish32(lookaside->rhash, slot->rhash);
+    Marshalling::toSlot(&lookaside->value, value);
+    const uint32_t flags = slot->flags;
+    // Sets LOOKASIDE: the LookasideSlot is complete, readers take the value
+    // from there until the next store.
+    Arena::Atomics::publish32(slot->flags, flags + 2);
+    Arena::Atomics::storeFence();  // the slot's value stores stay behind the flags store
+    Marshalling::toSlot(&slot->value, value);
+    // Clears LOOKASIDE and raises the version: the slot holds the new value whole.
+    Arena::Atomics::publish32(slot->flags, (flags + 4) | OCCUPIED);
+  }
+
+  // directCommit's rewrite: the new value is already in the LookasideSlot.
+  void copyThroughLookaside(Slot * slot) {
+    Slot * lookaside = slots_.lookasideSlot();
+    Arena::Atomics::publish32(lookaside->rhash, slot->rhash);
+    const uint32_t flags = slot->flags;
+    // Sets LOOKASIDE: readers take the LookasideSlot's value, filled in place.
+    Arena::Atomics::publish32(slot->flags, flags + 2);
+    Arena::Atomics::storeFence();
+    Value value;
+    Marshalling::fromSlot(value, &lookaside->value);
+    Marshalling::toSlot(&slot->value, value);
+    // Clears LOOKASIDE and raises the version.
+    Arena::Atomics::publish32(slot->flags, flags + 4);
+  }
+
+  Slot * insert(const Key & key, const Value & value, uint32_t bucket, uint32_t hash, SlotLink *& prev) {
+    Slot * slot = allocRebasing(hash, prev);
+    const uint32_t index = indexOf(slot);
+    // Links the new slot onward, taking over prev's link (terminator included).
+    // The slot is not reachable yet.
+    slot->link.storeNext(prev->value());
+    const uint32_t flags = slot->flags;
+    Arena::Atomics::publish32(slot->flags, flags + 2);
+    Arena::Atomics::storeFence();
+    Marshalling::toSlot(&slot->value, value);
+    // Sets OCCUPIED after the value: the slot is complete.
+    Arena::Atomics::publish32(slot->flags, (flags + 4) | OCCUPIED);
+    beforePublish(index);
+    // Publishes the entry: one 64-bit store of the link before it.
+    prev->storeNext(index);
+    BASALT_TRACE(debugHandler(), 9, "CairnWriter::write() new {} bucket:{} slot:{} next:{}",
+                 KeyOperations::toString(key), bucket, index, slot->link.value());
+    map_.maybeGrowBuckets();
+    return slot;
+  }
+
+  // Takes a slot for `hash`. Growing the slot file may move the mapping, so
+  // a `prev` that lies inside it is kept as an offset and turned back into an
+  // address from the new base, whether alloc returns or throws.
+  Slot * allocRebasing(uint32_t hash, SlotLink *& prev) {
+    char * oldBase = reinterpret_cast<char *>(slots_.header());
+    const std::size_t mapped = slots_.wrapper().memSize();
+    char * at = reinterpret_cast<char *>(prev);
+    const bool inSlotFile = at >= oldBase && at < oldBase + mapped;
+    const std::ptrdiff_t offset = at - oldBase;
+    auto rebase = [&] {
+      if (inSlotFile) {
+        prev = reinterpret_cast<SlotLink *>(reinterpret_cast<char *>(slots_.header()) + offset);
+      }
+    };
+    uint32_t index;
+    try {
+      index = slots_.alloc(hash);
+    } catch (...) {
+      rebase();
+      throw;
+    }
+    rebase();
+    return slots_.slots()[index];
+  }
+
+  // Puts a removed slot at the head of the free list.
+  void pushFree(Slot * slot, uint32_t index) {
+    auto & header = *slots_.header();
+    const uint32_t head = header.freeSlots;
+    Arena::Atomics::publish32(header.freeSlots, index);
+    slot->link.storeNext(head);
+    Arena::Atomics::publish32(header.occupiedSlots, header.occupiedSlots - 1);
+  }
+
+  template <typename MessageBuilder>
+  void checkNoDirectOperation(MessageBuilder && message) const {
+    if (directSlot_ == NoDirectSlot && !directNew_) {
+      return;
+    }
+    const Slot * slot = slots_.slots()[directSlot_];
+    slots_.anchorOn(slot, slot->flags);
+    Basalt::debugAndThrowAssertException("Cairn/CairnWriter", __func__, __LINE__, message());
+  }
+
+  std::string directMisuse(const char * function, const Key & key) const {
+    return fmt::format("CairnWriter::{}() unbalanced directSlot:{} containing value:{} when modifying key:{} - "
+                       "Make sure the DirectIs/Commit are properly paired!",
+                       function, directSlot_, openValueText(), KeyOperations::toString(key));
+  }
+
+  std::string openValueText() const {
+    return ValueOperations::toString(slots_.slots()[directSlot_]->value);
+  }
+
+  void detachPieces() {
+    slots_.detach();
+    map_.buckets().detach();
+    ripple_.detach();
+  }
+
+  Ops ops_;
+  bool localMem_;
+  RootPath rootPath_;
+  ArenaFiles::EpochId epochId_;
+  uint32_t directSlot_ = NoDirectSlot;
+  SlotLink * directPrev_ = nullptr;
+  bool directNew_ = false;
+  Writer::Counters counters_;
+  QuiescedCallback quiesced_;
+  SlotWriter slots_;
+  Map map_;
+  Ripple::RippleWriter ripple_;
+  VersionAnchorHook versionAnchorHook_ = nullptr;
+};
+
+}  // namespace Cairn
