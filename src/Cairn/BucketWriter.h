@@ -35,6 +35,8 @@ class BucketWriterTable : public Basalt::Debuggable {
   void validateFile(ArenaFiles::EpochId wanted) const;
   void detach();
   void cleanup();
+  // Puts the mapping into core dumps (a table refused at start).
+  void dumpToCoreIs(bool on) { wrapper_.dumpToCoreIs(on); }
 
   SlotLink * operator[](uint32_t index) const;
   BucketTableHeader * header() const { return header_; }

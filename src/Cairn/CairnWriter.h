@@ -28,13 +28,26 @@
 
 #include <fmt/format.h>
 
+#include <filesystem>
+
 #include "Arena/Atomics.h"
+#include "Arena/WriterLock.h"
+#include "ArenaFiles/DoorbellInfo.h"
+#include "ArenaFiles/EpochFile.h"
+#include "ArenaFiles/OwnerFile.h"
 #include "Basalt/Debuggable.h"
+#include "Basalt/Util.h"
 #include "Basalt/Exception.h"
 #include "Cairn/CairnInterface.h"
 #include "Cairn/MapDescriptor.h"
 #include "Cairn/SlotWriter.h"
+#include "Cairn/Util.h"
+#include "Cairn/Validator.h"
+#include "Cairn/Toggle.h"
 #include "Cairn/WriterHashMap.h"
+#include "Loop/EventLoop.h"
+#include "Nudge/DoorbellAcceptSm.h"
+#include "Nudge/WriterNudgeSm.h"
 #include "Ripple/RippleWriter.h"
 
 namespace Cairn {
@@ -66,9 +79,19 @@ class CairnWriter : public CairnInterface<Key, Value>,
         map_(handler, rootPath_, counters_, ops_, slots_, descriptor.shrinkBuckets, localMem_),
         ripple_(handler, rootPath_.directory(), counters_, localMem_,
                 descriptor.synchronous ? Ripple::PruneMode::Synchronous : Ripple::PruneMode::Balanced,
-                this) {}
+                this),
+        nudge_(handler, Loop::processLoop()) {}
 
-  ~CairnWriter() override { detachPieces(); }
+  // Detaches; the files stay for the next writer. An open direct operation on
+  // a new key cannot be reported from here: it is traced and dropped.
+  ~CairnWriter() override {
+    try {
+      detach(false);
+    } catch (const Basalt::AssertException & exception) {
+      BASALT_TRACE(debugHandler(), 0, "CairnWriter::~CairnWriter() {}", exception.what());
+      detachPieces();
+    }
+  }
 
   // ---- Data operations ----
 
@@ -255,7 +278,17 @@ class CairnWriter : public CairnInterface<Key, Value>,
   void handleQuiesced(bool quiesced) override { quiesced_(quiesced); }
   void shrink() override {}
 
-  Writer::Counters writerCounters() const override { return counters_; }
+  Writer::Counters writerCounters() const override {
+    Writer::Counters counters = counters_;
+    counters.nudges = nudge_.nudges();
+    counters.readers = nudge_.readers();
+    counters.sleepingReaders = nudge_.sleepingReaders();
+    counters.slotMappedSize = slots_.wrapper().memSize();
+    counters.bucketMappedSize = map_.buckets().wrapper().memSize();
+    counters.primaryMappedSize = ripple_.primaryMappedSize();
+    counters.secondaryMappedSize = ripple_.secondaryMappedSize();
+    return counters;
+  }
 
   void validateVersionAnchor() const override {
     const Arena::VersionAnchor anchor = slots_.versionAnchor();
@@ -289,36 +322,152 @@ class CairnWriter : public CairnInterface<Key, Value>,
     return true;
   }
 
-  // Attaches the three pieces under a new generation, or, for a table whose
-  // generation is known, keeps them.
+  // Makes this process the table's one writer and attaches its files: kept,
+  // with the same generation, if they prove sound; else formatted afresh
+  // under the next generation. Throws if neither can be had.
   void attach() {
     BASALT_TRACE(debugHandler(), 5, "CairnWriter::attach() localMem_: {} rootPath:{}", localMem_,
                  rootPath_.toString());
-    if (epochId_.none()) {
-      epochId_ = newEpochId();
+    ArenaFiles::EpochFile epochFile(debugHandler(), directory(), localMem_);
+    ArenaFiles::OwnerFile ownerFile(debugHandler(), directory(), localMem_);
+    ownerFile.lock();  // held to the end of this function
+    ArenaFiles::DoorbellInfo doorbellInfo;
+    if (localMem_) {
+      epochId_ = ArenaFiles::EpochId::of(0, static_cast<uint16_t>(getpid()));
+    } else {
+      doorbellInfo = ownDoorbell();
+      epochId_ = epochFile.read();
+      if (epochId_.none()) {
+        epochId_ = newEpochId();
+      }
     }
-    attachPieces(epochId_);
+    const bool reformat = !ownerFile.validate();
+    if (reformat) {
+      BASALT_TRACE(debugHandler(), 1,
+                   "CairnWriter::attach() owner file validation failed, dumping owner file string: {}",
+                   ownerFile.headerToString());
+    }
+    if (!attachAndValidate(reformat, ownerFile, doorbellInfo)) {
+      BASALT_ASSERT(!reformat, "Cairn/CairnWriter",
+                    "CairnWriter::attach() failed to attach to and validate new files");
+      attachAndValidate(true, ownerFile, doorbellInfo);
+    }
+    if (!localMem_) {
+      Cairn::Util::removeCorruptionFile(debugHandler(), directory());
+      enableNudges(doorbellInfo);
+      // The generation is recorded only now, once the table is sound and owned.
+      epochFile.write(epochId_);
+      BASALT_TRACE(debugHandler(), 1, "CairnWriter::attach() success {} capacity:{} epochId:{} mtime:{} doorbellInfo:{}",
+                   rootPath_.cairnName(), capacity(), epochId_.toString(), epochFile.mtime(),
+                   ownerFile.doorbellInfo().toString());
+    }
   }
 
-  // Attaches slot file, bucket file and queue under `epochId`; returns the
-  // results joined (1 all new, 2 all kept; anything else is a mixture).
-  int attachPieces(ArenaFiles::EpochId epochId) {
-    epochId_ = epochId;
+  // One pass of attach: true if the three pieces are attached, consistent,
+  // validated and owned. With `reformat` every piece is formatted afresh.
+  bool attachAndValidate(bool reformat, ArenaFiles::OwnerFile & ownerFile,
+                         const ArenaFiles::DoorbellInfo & doorbellInfo) {
+    if (reformat) {
+      BASALT_TRACE(debugHandler(), 1, "CairnWriter::attachAndValidate() all entries from {} will be lost",
+                   rootPath_.cairnName());
+      epochId_ = epochId_.reformatted();
+    }
     counters_ = Writer::Counters();
-    return slots_.attach(epochId) | map_.attach(epochId) | ripple_.attach(epochId);
+    const int joined = slots_.attach(epochId_) | map_.attach(epochId_) | ripple_.attach(epochId_);
+    const bool consistent = joined == AttachedNew || joined == AttachedExisting;
+    if (!consistent && !reformat) {
+      BASALT_TRACE(debugHandler(), 0, "CairnWriter::attachAndValidate() failed to attach to existing files{}owner file: {}",
+                   dumpHeaders(), ownerFile.headerToString());
+      return false;
+    }
+    Validator<Key, Value, Ops> validator(*this);
+    if (!runValidator(validator, [&] { return validator.validate(epochId_); })) {
+      failedValidation(reformat, ownerFile);
+      return false;
+    }
+    if (localMem_) {
+      return true;
+    }
+    ownerFile.doorbellInfoIs(doorbellInfo);
+    std::string error;
+    BASALT_ASSERT(ownerFile.validate(error), "Cairn/CairnWriter",
+                  "CairnWriter::validateAndAttach() wrote to owner file but validation failed: " + error);
+    owner_ = true;
+    if (reformat) {
+      BASALT_TRACE(debugHandler(), 1, "CairnWriter::attachAndValidate(): re-formatted successfully");
+    }
+    return true;
   }
 
+  // Proves the attached table sound, as at a start, and its owner file too.
+  bool validate() override {
+    Validator<Key, Value, Ops> validator(*this);
+    bool sound = runValidator(validator, [&] { return validator.validate(epochId_); });
+    sound = ArenaFiles::OwnerFile(debugHandler(), directory(), localMem_).validate() && sound;
+    if (!sound) {
+      BASALT_TRACE(debugHandler(), 0, "{}", dumpHeaders());
+    }
+    return sound;
+  }
+
+  // Checks the files on disk against this writer's generation; throws what
+  // the first failing check raises. A sound check removes the corruption marker.
+  bool validateFiles() override {
+    if (localMem_) {
+      return true;
+    }
+    map_.buckets().validateFile(epochId_);
+    Cairn::Util::validateFile(debugHandler(), slots_.fileName(),
+                              SlotWriter::SlotHeaderSize + std::size_t{capacity()} * SlotWriter::slotSize);
+    ripple_.validateFile();
+    ArenaFiles::EpochFile(debugHandler(), directory(), localMem_).validate(epochId_);
+    ArenaFiles::OwnerFile(debugHandler(), directory(), localMem_).validateFile();
+    Cairn::Util::removeCorruptionFile(debugHandler(), directory());
+    return true;
+  }
+
+  // Lets go of the files, which stay for the next writer.
   void detach(bool) override {
+    BASALT_TRACE(debugHandler(), 5, "CairnWriter::detach() owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
+                 rootPath_.toString());
     if (directNew_) {
-      slots_.anchorOn(slots_.slots()[directSlot_], slots_.slots()[directSlot_]->flags);
+      const Slot * slot = slots_.slots()[directSlot_];
+      slots_.anchorOn(slot, slot->flags);
       Basalt::debugAndThrowAssertException(
           "Cairn/CairnWriter", __func__, __LINE__,
           fmt::format("CairnWriter::detach() unbalanced directSlot:{} containing value:{} - Make sure "
                       "the DirectIs/Commit are properly paired!",
                       directSlot_, openValueText()));
     }
+    disableNudges();
+    if (owner_) {
+      clearOwnDoorbell();
+      owner_ = false;
+    }
     detachPieces();
     this->initializedIs(false);
+  }
+
+  // Removes the table's files; works on a writer that is not attached.
+  void cleanup() override {
+    BASALT_TRACE(debugHandler(), 5, "CairnWriter::cleanup() owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
+                 rootPath_.toString());
+    if (localMem_) {
+      detachPieces();
+      return;
+    }
+    ArenaFiles::OwnerFile ownerFile(debugHandler(), directory(), false);
+    ownerFile.lock();  // held to the end of this function
+    Arena::WriterLock::acquireWriterLock(debugHandler(), directory());
+    owner_ = ownerFile.validate();
+    if (!owner_) {
+      BASALT_TRACE(debugHandler(), 1,
+                   "CairnWriter::cleanup() owner file corruption detected but continuing with cleanup, dumped "
+                   "owner file: {}",
+                   ownerFile.headerToString());
+    }
+    removeFiles(ownerFile);
+    owner_ = false;
   }
 
   const SlotWriter & slotTable() const { return slots_; }
@@ -466,6 +615,101 @@ class CairnWriter : public CairnInterface<Key, Value>,
     return ValueOperations::toString(slots_.slots()[directSlot_]->value);
   }
 
+  const std::string & directory() const { return rootPath_.directory(); }
+
+  // Takes the writer role of the table and names the socket readers reach it
+  // by: this table's own, or the process's one doorbell when that is on.
+  ArenaFiles::DoorbellInfo ownDoorbell() {
+    std::string socketName = Arena::WriterLock::acquireWriterLock(debugHandler(), directory());
+    if (toggleOneSocketNudgeEnabled()) {
+      socketName = Nudge::doorbellAcceptSm().socketName();
+    }
+    return ArenaFiles::DoorbellInfo(socketName, nudge_.tableId());
+  }
+
+  // Readers' connections: each notification wakes sleeping readers, and what
+  // readers report of their progress tells the queue when they are quiesced.
+  void enableNudges(const ArenaFiles::DoorbellInfo & doorbellInfo) {
+    nudge_.progressHookIs([this](const std::string & reader, uint64_t sequence) {
+      ripple_.clientProgressIs(reader, sequence);
+    });
+    nudge_.goneHookIs([this](const std::string & reader) { ripple_.clientDel(reader); });
+    ripple_.nudgeHookIs([this](uint64_t sequence) { nudge_.notify(sequence); });
+    nudge_.doEnableListen(doorbellInfo.socketName());
+  }
+
+  void disableNudges() {
+    ripple_.nudgeHookIs({});
+    nudge_.onDetach();
+  }
+
+  // Runs `run` with the validator hung on the map, taking it off again
+  // whatever the run does.
+  template <typename Run>
+  bool runValidator(Validator<Key, Value, Ops> & validator, Run && run) {
+    map_.validatorIs(&validator);
+    try {
+      const bool passed = run();
+      map_.validatorIs(nullptr);
+      return passed;
+    } catch (...) {
+      map_.validatorIs(nullptr);
+      throw;
+    }
+  }
+
+  // What a failed validation leads to: with fresh files, nothing can mend
+  // them; on a strict system the evidence goes into a core and the process
+  // stops; otherwise attach formats the table afresh.
+  void failedValidation(bool reformat, ArenaFiles::OwnerFile & ownerFile) {
+    if (reformat) {
+      const std::string message = "CairnWriter::attachAndValidate() failed validation";
+      BASALT_TRACE(debugHandler(), 0, "{}", message);
+      throw Basalt::InvalidInitializeException(message);
+    }
+    if (Cairn::Util::runningOnPhysicalDut() && Cairn::Util::strictValidation()) {
+      std::error_code ignored;
+      std::filesystem::remove(ArenaFiles::EpochFile(debugHandler(), directory(), localMem_).path(), ignored);
+      slots_.dumpToCoreIs(true);
+      map_.buckets().dumpToCoreIs(true);
+      ripple_.dumpToCoreIs(true);
+      Basalt::Util::includeShmemInCore();
+      const std::string message = fmt::format(
+          "CairnWriter::attachAndValidate() failed initial validation of {} after re-attaching", rootPath_.cairnName());
+      BASALT_TRACE(debugHandler(), 0, "{}", message);
+      throw Basalt::InvalidInitializeException(message);
+    }
+    BASALT_TRACE(debugHandler(), 0, "CairnWriter::attachAndValidate() failed to validate existing files{}owner file: {}",
+                 dumpHeaders(), ownerFile.headerToString());
+  }
+
+  // Empties the owner file's doorbell if it still names this process.
+  void clearOwnDoorbell() {
+    try {
+      ArenaFiles::OwnerFile ownerFile(debugHandler(), directory(), false);
+      if (Arena::WriterLock::ownerIsMe(debugHandler(), ownerFile.doorbellInfo().socketName())) {
+        BASALT_TRACE(debugHandler(), 5, "CairnWriter::detach() clearing doorbellInfo");
+        ownerFile.doorbellInfoIs(ArenaFiles::DoorbellInfo());
+      }
+    } catch (const Basalt::CorruptionDetectedException & exception) {
+      BASALT_TRACE(debugHandler(), 0, "CairnWriter::detach() ignoring owner file corruption:{}", exception.what());
+    }
+  }
+
+  void removeFiles(ArenaFiles::OwnerFile & ownerFile) {
+    BASALT_TRACE(debugHandler(), 1, "CairnWriter::removeFiles() removing Cairn files in {}", directory());
+    Cairn::Util::removeCorruptionFile(debugHandler(), directory());
+    ripple_.cleanup();
+    map_.buckets().cleanup();
+    BASALT_TRACE(debugHandler(), 3, "SlotWriter::cleanup() removing file: {}", slots_.fileName());
+    slots_.removeFile();
+    std::error_code ignored;
+    std::filesystem::remove(ArenaFiles::EpochFile(debugHandler(), directory(), false).path(), ignored);
+    std::filesystem::remove(ownerFile.path(), ignored);
+    Arena::WriterLock::releaseWriterLock(debugHandler(), directory());
+    std::filesystem::remove(directory(), ignored);  // only if nothing else is left in it
+  }
+
   void detachPieces() {
     slots_.detach();
     map_.buckets().detach();
@@ -484,7 +728,10 @@ class CairnWriter : public CairnInterface<Key, Value>,
   SlotWriter slots_;
   Map map_;
   Ripple::RippleWriter ripple_;
+  // Wakes the table's sleeping readers; one per table, listening once attached.
+  Nudge::WriterNudgeSm nudge_;
   VersionAnchorHook versionAnchorHook_ = nullptr;
+  bool owner_ = false;
 };
 
 }  // namespace Cairn

@@ -62,6 +62,14 @@ class SlotTable : public Basalt::Debuggable {
   const RootPath & rootPath() const { return rootPath_; }
   const Arena::ArenaFilesWrapper & wrapper() const { return wrapper_; }
   const Arena::VersionAnchor & versionAnchor() const { return versionAnchor_; }
+  // Puts the mapping into core dumps, so that a table refused at start can be
+  // examined afterwards.
+  void dumpToCoreIs(bool on) { wrapper_.dumpToCoreIs(on); }
+  // Unmaps and unlinks the file; the writer's cleanup alone calls it.
+  void removeFile() {
+    detach();
+    wrapper_.remove();
+  }
 
   // Points the version anchor at `slot`'s flags word as it is now.
   void anchorOn(const Slot * slot, uint32_t flags) const {

@@ -22,6 +22,14 @@ struct Counters : Ripple::Writer::Counters {
   uint64_t directCommits = 0;    // directCommit
   uint64_t nextSlowPaths = 0;    // iterations that had to look their key up again
   uint64_t pendingNotifications = 0;
+  // Refreshed by writerCounters(): the wake-up socket and the mapped sizes.
+  uint64_t nudges = 0;
+  uint64_t readers = 0;
+  uint64_t sleepingReaders = 0;
+  uint64_t slotMappedSize = 0;
+  uint64_t bucketMappedSize = 0;
+  uint64_t primaryMappedSize = 0;
+  uint64_t secondaryMappedSize = 0;
 };
 
 }  // namespace Cairn::Writer

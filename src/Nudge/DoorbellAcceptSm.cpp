@@ -30,7 +30,7 @@ DoorbellAcceptSm & doorbellAcceptSm() {
   if (theDoorbell == nullptr) {
     static Basalt::Platform::DebugHandler handler("DoorbellAcceptSm");
     theDoorbell = new DoorbellAcceptSm(handler, Loop::processLoop(),
-                                       fmt::format("@tessel-doorbell.{}", ::getpid()));
+                                       fmt::format("tessel-doorbell-{}", ::getpid()));
   }
   return *theDoorbell;
 }

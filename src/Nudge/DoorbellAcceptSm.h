@@ -8,10 +8,12 @@
 // doorbell's socket name.
 //
 // There is one per process, made on first use by doorbellAcceptSm() on
-// Loop::processLoop(), listening on "@tessel-doorbell.<pid>" in the abstract
+// Loop::processLoop(), listening on "tessel-doorbell-<pid>" in the abstract
 // namespace (it belongs to no table's directory, and the name goes with the
-// process however it ends). It lives as long as the process. A forked child
-// that wants one of its own must exec first.
+// process however it ends). Like every doorbell name, it ends in
+// "-<decimal pid>", which Arena::WriterLock::pidOfSocketName reads back.
+// It lives as long as the process. A forked child that wants one of its own
+// must exec first.
 //
 // Event-loop thread only. A connection that sends anything but a well-formed
 // hello for a known table is closed with a level 0 trace.

@@ -18,7 +18,7 @@ namespace {
 
 std::string errnoText(const char * call, int error) { return fmt::format("{}: {}", call, std::strerror(error)); }
 
-bool abstractName(const std::string & name) { return !name.empty() && name.front() == '@'; }
+bool abstractName(const std::string & name) { return name.find('/') == std::string::npos; }
 
 struct Address {
   sockaddr_un address{};
@@ -28,7 +28,7 @@ struct Address {
 // The address of `name` (see Socket.h); false, with the reason, if it has none.
 bool addressOf(const std::string & name, Address & out, std::string & error) {
   constexpr std::size_t longest = sizeof(out.address.sun_path) - 1;
-  if (name.empty() || name == "@") {
+  if (name.empty()) {
     error = "empty socket name";
     return false;
   }
@@ -43,9 +43,10 @@ bool addressOf(const std::string & name, Address & out, std::string & error) {
   out.address = {};
   out.address.sun_family = AF_UNIX;
   if (abstractName(name)) {
-    // sun_path[0] stays NUL; the address is exactly the bytes after "@".
-    std::memcpy(out.address.sun_path + 1, name.data() + 1, name.size() - 1);
-    out.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    // sun_path[0] stays NUL, and the name's bytes follow: the address is
+    // exactly as long as the name, with no terminator.
+    std::memcpy(out.address.sun_path + 1, name.data(), name.size());
+    out.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
   } else {
     std::memcpy(out.address.sun_path, name.data(), name.size());
     out.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + 1);

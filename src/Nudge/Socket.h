@@ -4,12 +4,13 @@
 // message or nothing; non-blocking, so that neither side ever waits for the
 // other; close-on-exec.
 //
-// Socket names. A name that begins with "@" is in the abstract namespace
-// (the rest of the name, without "@", is the address): it needs no
-// directory and vanishes with the last descriptor, however the process
-// ends. Any other name is a path in the file system, normally inside the
-// table's directory, where it can be seen and is guarded by the directory's
-// permissions. A name has at most 107 bytes.
+// Socket names. A name with a "/" is a path in the file system: the socket
+// is a file that can be seen, is guarded by its directory's permissions, and
+// is removed by whoever closes the listener. A name without one is in the
+// abstract namespace (`ss -xl` shows it with a leading "@"): it needs no
+// directory and vanishes with its last descriptor, however the process ends.
+// Arena::WriterLock's names ("tessel-<table>-<hash>-<pid>") are of this
+// kind. A name has 1 to 107 bytes and no NUL.
 
 #include <sys/types.h>
 

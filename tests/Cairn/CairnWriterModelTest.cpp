@@ -2,8 +2,9 @@
 // std::map model, with the slot file growing and the bucket table doubling
 // and halving on the way. After each operation the touched key and members()
 // must agree with the model; every 1,000 operations a full walk must give
-// exactly the model's keys in split order, and a walk started from a random
-// key must resume at the right successor.
+// exactly the model's keys in split order and the validator must pass the
+// whole table with its queue; a walk started from a random key must resume at
+// the right successor.
 //
 // TESSEL_MODEL_OPS sets the number of operations per table (default 1,000,000).
 
@@ -96,6 +97,9 @@ class ModelRun {
       ASSERT_EQ(writer().members(), model.size()) << "op " << op;
       if (op % 1000 == 999) {
         walkAll();
+        // The validator proves the queue's rule too: each slot has at most one
+        // live entry, and the position array and the entries agree.
+        ASSERT_TRUE(writer().validate()) << "op " << op;
       }
       if (::testing::Test::HasFatalFailure()) {
         FAIL() << "at operation " << op << " seed " << seed;

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Arena/WriterLock.h"
 #include "Loop/EventLoop.h"
 #include "Nudge/DoorbellAcceptSm.h"
 #include "Nudge/ReaderNudgeSm.h"
@@ -39,7 +40,8 @@ class DoorbellAcceptSmTest : public ::testing::Test {
 TEST_F(DoorbellAcceptSmTest, IsOneProcessWideSocketInTheAbstractNamespace) {
   EXPECT_EQ(&Nudge::doorbellAcceptSm(), &doorbell_);
   EXPECT_EQ(Nudge::existingDoorbellAcceptSm(), &doorbell_);
-  EXPECT_EQ(doorbell_.socketName(), fmt::format("@tessel-doorbell.{}", ::getpid()));
+  EXPECT_EQ(doorbell_.socketName(), fmt::format("tessel-doorbell-{}", ::getpid()));
+  EXPECT_EQ(Arena::WriterLock::pidOfSocketName(doorbell_.socketName()), ::getpid());
 }
 
 TEST_F(DoorbellAcceptSmTest, HandsEachReaderToTheTableItNames) {

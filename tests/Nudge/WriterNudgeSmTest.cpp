@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Arena/WriterLock.h"
 #include "Basalt/Exception.h"
 #include "Nudge/ReaderNudgeSm.h"
 #include "Nudge/WriterNudgeSm.h"
@@ -147,9 +148,10 @@ TEST_F(WriterNudgeSmTest, ASocketFileLeftByADeadWriterIsTakenOver) {
   join(reader);
 }
 
-TEST_F(WriterNudgeSmTest, AnAbstractNameWorksAndLeavesNoFile) {
-  const std::string name = fmt::format("@tessel-test.{}.{}", ::getpid(), writer_.tableId());
+TEST_F(WriterNudgeSmTest, AWriterLockNameIsAnAbstractNameAndLeavesNoFile) {
+  const std::string name = Arena::WriterLock::socketNameFor(temp_.path(), ::getpid());
   writer_.doEnableListen(name);
+  EXPECT_FALSE(isSocketFile(name));
   TestReader reader(handler_, loop_);
   ASSERT_TRUE(reader.nudge.connect(name, writer_.tableId()));
   ASSERT_TRUE(runUntil([&] { return writer_.readers() == 1; }));
