@@ -636,6 +636,8 @@ class CairnWriter : public CairnInterface<Key, Value>,
     nudge_.goneHookIs([this](const std::string & reader) { ripple_.clientDel(reader); });
     ripple_.nudgeHookIs([this](uint64_t sequence) { nudge_.notify(sequence); });
     nudge_.doEnableListen(doorbellInfo.socketName());
+    // A reader that connects behind the queue's present end is woken at once.
+    nudge_.notify(ripple_.sequence());
   }
 
   void disableNudges() {

@@ -15,6 +15,7 @@ struct Counters : Ripple::Reader::Counters {
   uint32_t lookasideReads = 0;    // values read from the LookasideSlot
   uint64_t bucketMappedSize = 0;  // bytes mapped of the bucket file
   uint32_t slotResizes = 0;       // remaps of the slot file
+  uint32_t bucketResizes = 0;     // remaps of the bucket file
   uint64_t slotMappedSize = 0;    // bytes mapped of the slot file
   uint32_t chainRetries = 0;      // walks started over because a link version moved
   uint32_t slotRemaps = 0;        // remaps that moved the base address

@@ -208,7 +208,9 @@ class WriterHashMap : public Basalt::Debuggable {
 
   // The entry after `key`, which need not be in the table any more. The hint
   // saves the lookup while its slot is unchanged.
-  bool next(const Key & key, Value & value, IterHint & hint) const {
+  bool next(const Key & lastKey, Value & value, IterHint & hint) const {
+    // Callers pass the key inside `value`, which the walk overwrites.
+    const Key key = lastKey;
     if (hint.slot < slots_->capacity() && hint.bucket < buckets_.numBuckets() &&
         hint.flags == slots_->slots()[hint.slot]->flags) {
       try {
