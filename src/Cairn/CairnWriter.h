@@ -40,6 +40,7 @@
 #include "Basalt/Exception.h"
 #include "Cairn/CairnInterface.h"
 #include "Cairn/MapDescriptor.h"
+#include "Cairn/Operations.h"
 #include "Cairn/SlotWriter.h"
 #include "Cairn/Util.h"
 #include "Cairn/Validator.h"
@@ -373,7 +374,11 @@ class CairnWriter : public CairnInterface<Key, Value>,
       epochId_ = epochId_.reformatted();
     }
     counters_ = Writer::Counters();
-    const int joined = slots_.attach(epochId_) | map_.attach(epochId_) | ripple_.attach(epochId_);
+    // Slots, buckets, then the queue: one statement each, as the operands of
+    // `|` would be attached in no defined order.
+    const int slotResult = slots_.attach(epochId_);
+    const int bucketResult = map_.attach(epochId_);
+    const int joined = slotResult | bucketResult | ripple_.attach(epochId_);
     const bool consistent = joined == AttachedNew || joined == AttachedExisting;
     if (!consistent && !reformat) {
       BASALT_TRACE(debugHandler(), 0, "CairnWriter::attachAndValidate() failed to attach to existing files{}owner file: {}",
