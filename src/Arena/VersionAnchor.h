@@ -56,6 +56,9 @@ struct CacheVersionAnchor {
   uint32_t version = 0;
   uint32_t offset = VersionAnchor::emptyOffset;
 
+  // The 64-bit form kept in a caller's cache: `version` in the low half,
+  // `offset` in the high half.
+  uint64_t packed() const { return (uint64_t{offset} << 32) | version; }
   bool operator==(const CacheVersionAnchor &) const = default;
 };
 

@@ -426,17 +426,29 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
 
   // The hint's slot is unchanged, so its link leads to the successor. An
   // empty answer sends the caller to the slow path.
+  //
+  // hint.bucket is the slot's bucket under the count of the moment the hint
+  // was made. The reader may have remapped since, across more than one
+  // doubling or halving (a lookup between two calls of next), and then the
+  // bucket checks against it fail on a sound table: that is the hint failing,
+  // not the file. So these checks send the walk to the slow path, which runs
+  // the same checks on the bucket of the key under the current count, and
+  // reports a real fault with the same text.
   std::optional<bool> nextFast(const Key & key, Value & value, IterHint & hint, const SlotLink * prev,
                                Arena::VerU32 link) const {
     if (SlotLink::isNextBucket(link.value)) {
       const uint32_t nextBucket = SlotLink::bucketOf(link.value);
-      verifyNextBucket(hint.bucket, nextBucket);
+      if (!followsInTableOrder(hint.bucket, nextBucket)) {
+        return std::nullopt;
+      }
       BASALT_TRACE(debugHandler(), 9, "CairnReader::doNext() {} next bucket {} using {}", keyText(key), nextBucket,
                    toString(hint));
       return first(nextBucket, value, hint);
     }
     if (link.value == EndOfTable) {
-      verifyNextBucket(hint.bucket, 0);
+      if (!followsInTableOrder(hint.bucket, 0)) {
+        return std::nullopt;
+      }
       BASALT_TRACE(debugHandler(), 9, "CairnReader::doNext() {} failed", keyText(key));
       return false;
     }
@@ -449,10 +461,9 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
       throw Basalt::CorruptionDetectedException(fmt::format("CairnReader::doNext() slot:{} not marked as occupied key:{}",
                                                             link.value, hex(KeyOperations::key(value))));
     }
-    if (moved(prev, link)) {
+    if (moved(prev, link) || !fitsBucket(KeyOperations::key(value), hint.bucket)) {
       return std::nullopt;
     }
-    checkBucket(KeyOperations::key(value), hint.bucket, "CairnReader::doNext() corrupt key detected. key:{} bucketIndex {}");
     const IterHint used = hint;
     hint.slot = link.value;
     hint.flags = flags;
@@ -542,33 +553,38 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
   // two passes of a doubling). Detects a key that a bit flip changed, or a
   // reader on a mapping of another file.
   void checkBucket(const Key & slotKey, uint32_t bucket, fmt::format_string<std::string, uint32_t> message) const {
-    const uint32_t hash = KeyOperations::hash(slotKey);
-    const uint32_t count = buckets_.numBuckets();
-    const bool fits = (hash & (count - 1)) == bucket || (count > 1 && (hash & ((count >> 1) - 1)) == bucket) ||
-                      (hash & ((count << 1) - 1)) == bucket;
-    if (!fits) {
+    if (!fitsBucket(slotKey, bucket)) {
       throw Basalt::CorruptionDetectedException(fmt::format(message, hex(slotKey), uint32_t{bucket}));
     }
+  }
+
+  bool fitsBucket(const Key & slotKey, uint32_t bucket) const {
+    const uint32_t hash = KeyOperations::hash(slotKey);
+    const uint32_t count = buckets_.numBuckets();
+    return (hash & (count - 1)) == bucket || (count > 1 && (hash & ((count >> 1) - 1)) == bucket) ||
+           (hash & ((count << 1) - 1)) == bucket;
   }
 
   // `next` must be `bucket`'s successor in table order with the local bit
   // count, one less or one more (a writer one halving or doubling away); 0
   // stands for the end of the table, where the successor wraps.
   void verifyNextBucket(uint32_t bucket, uint32_t next) const {
+    if (!followsInTableOrder(bucket, next)) {
+      throw Basalt::CorruptionDetectedException(
+          fmt::format("CairnReader::verifyNextBucket() has bucket: {} with next bucket: {} and numBuckets: {}", bucket,
+                      next, buckets_.numBuckets()));
+    }
+  }
+
+  bool followsInTableOrder(uint32_t bucket, uint32_t next) const {
     const uint32_t bits = buckets_.numBucketBits();
-    const uint32_t count = buckets_.numBuckets();
     // The successor among 2^width buckets, modulo 2^width; a bucket index
     // wider than `width` loses its top bits.
     auto successorWith = [&](uint32_t width) {
       return width >= 32 ? bucket + 1 : bucketSuccessor(bucket, width) & ((1u << width) - 1);
     };
-    if (next == successorWith(bits) || (bits > 0 && next == successorWith(bits - 1)) ||
-        next == successorWith(bits + 1)) {
-      return;
-    }
-    throw Basalt::CorruptionDetectedException(
-        fmt::format("CairnReader::verifyNextBucket() has bucket: {} with next bucket: {} and numBuckets: {}", bucket,
-                    next, count));
+    return next == successorWith(bits) || (bits > 0 && next == successorWith(bits - 1)) ||
+           next == successorWith(bits + 1);
   }
 
   bool refuseFiles(const std::string & errorText) {

@@ -1,5 +1,7 @@
 #include "Cairn/MapDescriptor.h"
 
+#include <ostream>
+
 #include <fmt/format.h>
 
 namespace Cairn {
@@ -12,6 +14,17 @@ std::string toString(CairnType type) {
     case CairnType::keyshadow: return "keyshadow";
   }
   return fmt::format("unknown({})", static_cast<uint32_t>(type));
+}
+
+std::ostream & operator<<(std::ostream & stream, CairnType type) {
+  switch (type) {
+    case CairnType::writer:
+    case CairnType::shadow:
+    case CairnType::reader:
+    case CairnType::keyshadow:
+      return stream << toString(type);
+  }
+  return stream;
 }
 
 std::string MapDescriptor::toString() const {

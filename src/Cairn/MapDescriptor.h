@@ -2,7 +2,10 @@
 // Cairn::MapDescriptor: all that configures one table, handed to a map's init.
 
 #include <cstdint>
+#include <iosfwd>
 #include <string>
+
+#include "Arena/CollectionDescriptor.h"
 
 namespace Cairn {
 
@@ -11,8 +14,12 @@ enum class CairnType : uint32_t { writer = 0, shadow = 1, reader = 2, keyshadow 
 
 // "writer", "shadow", "reader", "keyshadow", or "unknown(<n>)".
 std::string toString(CairnType type);
+// The mode's name as above; a value outside the four writes nothing.
+std::ostream & operator<<(std::ostream & stream, CairnType type);
 
-struct MapDescriptor {
+// A table's descriptor, which a map's init takes from the control layer as
+// an Arena::CollectionDescriptor.
+struct MapDescriptor : Arena::CollectionDescriptor {
   uint32_t maxSlots = 0;  // the table's maximum size; 0 is refused in writer mode
   CairnType mode = CairnType::writer;
   bool localMem = false;           // the table lives in this process's private memory
@@ -34,7 +41,7 @@ struct MapDescriptor {
 
   bool operator==(const MapDescriptor &) const = default;
   // Every field, as "MapDescriptor(maxSlots:<n> mode:<mode> localMem:<b> ...)".
-  std::string toString() const;
+  std::string toString() const override;
 };
 
 }  // namespace Cairn

@@ -109,14 +109,15 @@ class Validator : public Basalt::Debuggable, public OccupiedMarks {
     return true;
   }
 
-  // Called from the writer's walk for each slot it hands out.
+  // Called from the writer's walk for each slot it hands out. The marks are
+  // set only once every test has passed: the walk's fast path, refused,
+  // retries by its slow path and hands out the same slot again, which must
+  // then be refused for the same reason, not as a slot seen twice.
   void markOccupied(uint32_t slotIndex) override {
     BASALT_TRACE(debugHandler(), 9, "Validator::markOccupied() slotIndex: {}", slotIndex);
     if (occupiedMarks_.get(slotIndex)) {
       corrupt(fmt::format("Validator::markOccupied() duplicate slot: {}", slotIndex));
     }
-    occupiedMarks_.write(slotIndex, true);
-    ++occupiedCount_;
     const uint32_t flags = writer_->slotTable().slots()[slotIndex]->flags;
     if (!(flags & OCCUPIED)) {
       corrupt(fmt::format("Validator::markOccupied() missing OCCUPIED bit: 0x{:x}", flags));
@@ -130,22 +131,24 @@ class Validator : public Basalt::Debuggable, public OccupiedMarks {
       BASALT_TRACE(debugHandler(), 9,
                    "Validator::markOccupied() no notification in ripple queue for occupied slotId:{}",
                    slotIndex);
-      return;
+    } else {
+      if (position >= ripple.size()) {
+        corrupt(fmt::format("Validator::markOccupied() slot:{} bad ripple index:{} size:{}", slotIndex, position,
+                            ripple.size()));
+      }
+      const uint32_t named = ripple.entry(position).slot;
+      if (named != slotIndex) {
+        corrupt(fmt::format("Validator::markOccupied() slot:{} bad notification:{} slot:{}", slotIndex, position,
+                            named));
+      }
+      if (notificationMarks_.get(position)) {
+        corrupt(fmt::format("Validator::markOccupied() slot:{} duplicate ripple position:{}", slotIndex, position));
+      }
+      notificationMarks_.write(position, true);
+      ++notifiedCount_;
     }
-    if (position >= ripple.size()) {
-      corrupt(fmt::format("Validator::markOccupied() slot:{} bad ripple index:{} size:{}", slotIndex, position,
-                          ripple.size()));
-    }
-    const uint32_t named = ripple.entry(position).slot;
-    if (named != slotIndex) {
-      corrupt(fmt::format("Validator::markOccupied() slot:{} bad notification:{} slot:{}", slotIndex, position,
-                          named));
-    }
-    if (notificationMarks_.get(position)) {
-      corrupt(fmt::format("Validator::markOccupied() slot:{} duplicate ripple position:{}", slotIndex, position));
-    }
-    notificationMarks_.write(position, true);
-    ++notifiedCount_;
+    occupiedMarks_.write(slotIndex, true);
+    ++occupiedCount_;
   }
 
   bool walkFreeSlots() {
@@ -177,7 +180,9 @@ class Validator : public Basalt::Debuggable, public OccupiedMarks {
                                   index, named, position));
         }
       }
-      if (slot->flags & OCCUPIED) {
+      // Empty is neither OCCUPIED nor LOOKASIDE: no writer leaves LOOKASIDE on
+      // a free slot, and the insert that takes the slot counts on it clear.
+      if (slot->flags & (OCCUPIED | LOOKASIDE)) {
         return fail(fmt::format("Validator::walkFreeSlots() corrupted free slot not marked as empty: {}", index));
       }
       index = slot->link.value();

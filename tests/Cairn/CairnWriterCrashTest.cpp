@@ -1,0 +1,414 @@
+// Multi-process tests of a table's one writer: a writer in a child process
+// holds the table against a writer in this process until it is killed, and
+// writers killed with SIGKILL in the middle of their work leave files that
+// the next writer either keeps, with every entry that was reported done, or
+// formats afresh. Children are made by fork() and report over pipes; nothing
+// here waits by sleeping.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "Arena/WriterLock.h"
+#include "Cairn/WriterTestTypes.h"
+
+using namespace CairnTest;
+using Value = IifSizedValue;
+using Writer = WriterFor<Value>;
+
+namespace {
+
+// A pipe from a child to this process, of fixed-size records. A record is
+// far below PIPE_BUF, so it is written whole or not at all, even by a
+// process killed in the middle. The pipe is made as large as the system
+// allows, so that a child that reports runs on, rather than waiting in a
+// write, while this process reads.
+class Pipe {
+ public:
+  Pipe() {
+    if (pipe(fds_) != 0) {
+      throw std::runtime_error("pipe failed");
+    }
+    fcntl(fds_[1], F_SETPIPE_SZ, 1 << 20);  // a smaller pipe only makes the kills land between operations
+  }
+  ~Pipe() {
+    closeReading();
+    closeWriting();
+  }
+  Pipe(const Pipe &) = delete;
+  Pipe & operator=(const Pipe &) = delete;
+
+  void closeReading() { closeEnd(0); }
+  void closeWriting() { closeEnd(1); }
+
+  template <typename Record>
+  void send(const Record & record) {
+    if (write(fds_[1], &record, sizeof(record)) != static_cast<ssize_t>(sizeof(record))) {
+      _exit(3);  // only children send: the reader is gone, and so is the test
+    }
+  }
+
+  // The next record, or none at the end of the pipe.
+  template <typename Record>
+  std::optional<Record> receive() {
+    Record record;
+    auto * bytes = reinterpret_cast<char *>(&record);
+    std::size_t done = 0;
+    while (done < sizeof(record)) {
+      const ssize_t got = read(fds_[0], bytes + done, sizeof(record) - done);
+      if (got < 0 && errno == EINTR) {
+        continue;
+      }
+      if (got <= 0) {
+        return std::nullopt;
+      }
+      done += static_cast<std::size_t>(got);
+    }
+    return record;
+  }
+
+ private:
+  void closeEnd(int end) {
+    if (fds_[end] >= 0) {
+      close(fds_[end]);
+      fds_[end] = -1;
+    }
+  }
+
+  int fds_[2] = {-1, -1};
+};
+
+// Kills and reaps the child if the test leaves before it has.
+class ChildGuard {
+ public:
+  explicit ChildGuard(pid_t child) : child_(child) {}
+  ~ChildGuard() { kill(); }
+  ChildGuard(const ChildGuard &) = delete;
+  ChildGuard & operator=(const ChildGuard &) = delete;
+
+  // SIGKILL, and waits for the child to be gone: its locks are free after.
+  void kill() {
+    if (child_ > 0) {
+      ::kill(child_, SIGKILL);
+      waitpid(child_, nullptr, 0);
+      child_ = 0;
+    }
+  }
+
+ private:
+  pid_t child_;
+};
+
+// A child's writer on the table `name`, with a handler of its own.
+struct ChildWriter {
+  ChildWriter(const std::string & name, const Cairn::MapDescriptor & descriptor)
+      : writer(handler, name, descriptor, OpsFor<Value>(), "TestClass", [](bool) {}) {
+    writer.initialize(name);
+  }
+  Basalt::Platform::DebugHandler handler{"child-writer"};
+  Writer writer;
+};
+
+// Runs `body` in a child process, which never comes back into the test: it
+// ends by _exit, 2 if `body` threw.
+template <typename Body>
+pid_t forkChild(Body && body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      body();
+    } catch (const std::exception & exception) {
+      std::cerr << "child " << getpid() << ": " << exception.what() << std::endl;
+      _exit(2);
+    }
+    _exit(0);
+  }
+  return child;
+}
+
+[[noreturn]] void waitForTheEnd() {
+  for (;;) {
+    pause();
+  }
+}
+
+}  // namespace
+
+// ---- One writer per table ----
+
+namespace {
+
+struct Hello {
+  uint32_t epochId;
+  uint32_t hashSeed;
+};
+
+}  // namespace
+
+TEST(CairnWriterMultiProcess, OneWriterPerTableUntilItDies) {
+  TableHarness<Value> table(sharedDescriptor(1000), "test/one-writer");
+  Pipe hello;
+  const pid_t child = forkChild([&] {
+    hello.closeReading();
+    ChildWriter owner(table.name, table.descriptor);
+    for (uint64_t number = 0; number < 50; ++number) {
+      owner.writer.write(Value(number, number), true);
+    }
+    hello.send(Hello{owner.writer.epochId().value, owner.writer.slotTable().header()->hashSeed});
+    waitForTheEnd();
+  });
+  ASSERT_GT(child, 0);
+  ChildGuard guard(child);
+  hello.closeWriting();
+  const std::optional<Hello> greeting = hello.receive<Hello>();
+  ASSERT_TRUE(greeting.has_value()) << "the child's writer did not start";
+
+  try {
+    table.start();
+    FAIL() << "a second writer attached";
+  } catch (const Basalt::InvalidInitializeException & exception) {
+    EXPECT_EQ(std::string(exception.what()),
+              fmt::format("WriterLock::acquireWriterLock() table:{} owned by live writer pid:{}", table.directory(),
+                          child));
+  }
+  table.stop();
+
+  guard.kill();
+  Writer & writer = table.start();
+  EXPECT_EQ(writer.epochId().value, greeting->epochId);
+  EXPECT_EQ(writer.slotTable().header()->hashSeed, greeting->hashSeed);
+  EXPECT_EQ(writer.members(), 50u);
+  for (uint64_t number = 0; number < 50; ++number) {
+    bool found = false;
+    Value out;
+    writer.lookup(NumberKey{number}, found, &out);
+    ASSERT_TRUE(found) << number;
+    EXPECT_EQ(out, Value(number, number));
+  }
+  EXPECT_TRUE(writer.validate());
+  table.stop();
+  Arena::WriterLock::releaseWriterLock(table.handler, table.directory());
+}
+
+// ---- Writers killed at random moments ----
+
+namespace {
+
+enum class Operation : uint32_t { Write, Remove, DirectWrite, DirectUpdate };
+enum class Kind : uint32_t { Begin, Present, Absent };
+
+// What a child reports of each operation: its beginning (with the operation
+// and the version it writes), then the state of the key once it is done.
+struct Report {
+  Kind kind;
+  Operation operation;
+  uint64_t key;
+  uint64_t version;
+};
+
+constexpr uint64_t KeyCount = 300;
+
+// TESSEL_CRASH_ROUNDS sets the number of writers killed (default 30).
+int rounds() {
+  const char * text = std::getenv("TESSEL_CRASH_ROUNDS");
+  return text != nullptr ? std::atoi(text) : 30;
+}
+constexpr uint32_t MostOperationsBeforeTheKill = 600;
+
+Cairn::MapDescriptor crashDescriptor() {
+  auto descriptor = sharedDescriptor(1000);
+  descriptor.shrinkBuckets = true;
+  return descriptor;
+}
+
+// The child's work, until it is killed: random operations of every kind on
+// KeyCount keys, in phases that fill the table and drain it again, so that
+// the slot file grows and the bucket table doubles and halves.
+[[noreturn]] void workUntilKilled(const std::string & name, uint64_t round, Pipe & reports) {
+  ChildWriter child(name, crashDescriptor());
+  Writer & writer = child.writer;
+  std::mt19937_64 random(round + 1);
+  for (uint64_t op = 0;; ++op) {
+    const uint64_t key = random() % KeyCount;
+    const uint64_t version = round * 1000000 + op + 1;
+    const bool draining = (op / 250) % 2 == 1;
+    const uint64_t choice = random() % 100;
+    Operation operation;
+    if (choice < (draining ? 60u : 15u)) {
+      operation = Operation::Remove;
+    } else if (choice < 70) {
+      operation = Operation::Write;
+    } else if (choice < 85) {
+      operation = Operation::DirectWrite;
+    } else {
+      operation = Operation::DirectUpdate;
+    }
+    reports.send(Report{Kind::Begin, operation, key, version});
+    bool present = true;
+    switch (operation) {
+      case Operation::Write:
+        writer.write(Value(key, version), true);
+        break;
+      case Operation::Remove: {
+        Value removed;
+        writer.remove(NumberKey{key}, removed);
+        present = false;
+        break;
+      }
+      case Operation::DirectWrite:
+        *writer.directWrite(NumberKey{key}) = Value(key, version);
+        writer.directCommit();
+        break;
+      case Operation::DirectUpdate:
+        if (Value * value = writer.directUpdate(NumberKey{key})) {
+          *value = Value(key, version);
+          writer.directCommit();
+        } else {
+          present = false;
+        }
+        break;
+    }
+    reports.send(Report{present ? Kind::Present : Kind::Absent, operation, key, version});
+  }
+}
+
+using Model = std::map<uint64_t, Value>;
+
+// What the reports of one child say: the entries it finished, and the
+// operation it was in when it died, if any.
+struct Reported {
+  Model model;
+  std::optional<Report> inFlight;
+  uint32_t completed = 0;
+};
+
+void apply(Reported & reported, const Report & report) {
+  switch (report.kind) {
+    case Kind::Begin:
+      reported.inFlight = report;
+      return;
+    case Kind::Present:
+      reported.model[report.key] = Value(report.key, report.version);
+      break;
+    case Kind::Absent:
+      reported.model.erase(report.key);
+      break;
+  }
+  reported.inFlight.reset();
+  ++reported.completed;
+}
+
+// The states the key in flight may be found in: as before its operation, or as after it.
+std::vector<std::optional<Value>> allowedStates(const Model & model, const Report & inFlight) {
+  const auto before = model.find(inFlight.key);
+  const std::optional<Value> old =
+      before == model.end() ? std::nullopt : std::optional<Value>(before->second);
+  std::optional<Value> done = Value(inFlight.key, inFlight.version);
+  if (inFlight.operation == Operation::Remove || (inFlight.operation == Operation::DirectUpdate && !old)) {
+    done.reset();
+  }
+  return {old, done};
+}
+
+std::optional<Value> stateOf(Writer & writer, uint64_t key) {
+  bool found = false;
+  Value out;
+  writer.lookup(NumberKey{key}, found, &out);
+  return found ? std::optional<Value>(out) : std::nullopt;
+}
+
+// The kept table holds every finished entry, and the key in flight in one
+// of its two states. Returns what the table holds.
+Model verifyKept(Writer & writer, const Reported & reported) {
+  Model held;
+  Value value;
+  Cairn::IterHint hint;
+  for (bool more = writer.first(value, hint); more; more = writer.next(value.key, value, hint)) {
+    held[value.key.number] = value;
+  }
+  EXPECT_EQ(writer.members(), held.size());
+  for (uint64_t key = 0; key < KeyCount; ++key) {
+    const std::optional<Value> found = stateOf(writer, key);
+    const auto expected = reported.model.find(key);
+    if (reported.inFlight && reported.inFlight->key == key) {
+      const auto allowed = allowedStates(reported.model, *reported.inFlight);
+      EXPECT_TRUE(found == allowed[0] || found == allowed[1]) << "key in flight " << key;
+    } else if (expected == reported.model.end()) {
+      EXPECT_FALSE(found.has_value()) << "key " << key << " was removed";
+    } else {
+      EXPECT_EQ(found, std::optional<Value>(expected->second)) << "key " << key;
+    }
+  }
+  return held;
+}
+
+}  // namespace
+
+TEST(CairnWriterMultiProcess, WritersKilledAtRandomMomentsLeaveFilesTheNextWriterKeepsOrFormats) {
+  TableHarness<Value> table(crashDescriptor(), "test/crash");
+  std::mt19937 random(20240601);
+  Model model;
+  const int count = rounds();
+  int kept = 0;
+  int reformatted = 0;
+  int inFlight = 0;  // kills that landed inside an operation
+  for (int round = 0; round < count; ++round) {
+    Pipe reports;
+    const pid_t child = forkChild([&] {
+      reports.closeReading();
+      workUntilKilled(table.name, static_cast<uint64_t>(round), reports);
+    });
+    ASSERT_GT(child, 0);
+    ChildGuard guard(child);
+    reports.closeWriting();
+
+    // The kill comes once the child has reported this many operations done,
+    // while it goes on working: wherever it is then.
+    const uint32_t killAfter = 1 + random() % MostOperationsBeforeTheKill;
+    Reported reported{model, std::nullopt, 0};
+    while (reported.completed < killAfter) {
+      const std::optional<Report> report = reports.receive<Report>();
+      ASSERT_TRUE(report.has_value()) << "round " << round << ": the child stopped by itself";
+      apply(reported, *report);
+    }
+    guard.kill();
+    while (const std::optional<Report> report = reports.receive<Report>()) {
+      apply(reported, *report);
+    }
+    inFlight += reported.inFlight ? 1 : 0;
+
+    const ArenaFiles::EpochId before = ArenaFiles::EpochFile(table.handler, table.directory(), false).read();
+    Writer * writer = nullptr;
+    {
+      TestSupport::TraceCapture failures;  // a re-format says why at level 0; the outcome is checked below
+      ASSERT_NO_THROW(writer = &table.start()) << "round " << round;
+    }
+    if (writer->epochId() == before) {
+      ++kept;
+      model = verifyKept(*writer, reported);
+    } else {
+      ++reformatted;
+      EXPECT_EQ(writer->epochId(), before.reformatted()) << "round " << round;
+      EXPECT_EQ(writer->members(), 0u) << "round " << round;
+      model.clear();
+    }
+    EXPECT_TRUE(writer->validate()) << "round " << round;
+    ASSERT_FALSE(HasFailure()) << "round " << round << " after " << reported.completed << " operations";
+    // This process gives the table up for the next round's child.
+    table.stop();
+    Arena::WriterLock::releaseWriterLock(table.handler, table.directory());
+  }
+  std::cout << "[ CRASHES  ] " << count << " writers killed, " << inFlight << " inside an operation: " << kept
+            << " tables kept, " << reformatted << " re-formatted" << std::endl;
+  EXPECT_GT(kept, 0);
+}
