@@ -5,9 +5,6 @@
 // reader reports, the refusal of every write, and a reader that never writes
 // a byte of the files.
 
-#include <sys/stat.h>
-
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -68,8 +65,8 @@ class CairnReaderAttachTest : public ::testing::Test {
   void expectBucketsRefused(const std::string & message) {
     std::vector<std::string> traces;
     auto reader = refused(traces);
-    EXPECT_EQ(traces,
-              (std::vector<std::string>{"CairnReader::initialize() failed to validate buckets", reader->dumpHeaders()}));
+    EXPECT_EQ(traces, (std::vector<std::string>{"CairnReader::initialize() failed to validate buckets",
+                                                reader->dumpHeaders()}));
     EXPECT_EQ(corruptionFileText(), message + "\n");
   }
 
@@ -108,8 +105,9 @@ TEST_F(CairnReaderAttachTest, TheSuccessOfInitializeIsTracedWithTheTablesStamp) 
   const int64_t mtime = ArenaFiles::EpochFile(table.readerHandler, table.directory(), false).mtime();
   const auto lines = tracesAt(traces, 1);
   ASSERT_EQ(lines.size(), 1u);
-  const std::string head = fmt::format("CairnReader::initialize() success test/reader capacity:0 epochId:{} mtime:{} delay:",
-                                       epochId.toString(), mtime);
+  const std::string head =
+      fmt::format("CairnReader::initialize() success test/reader capacity:0 epochId:{} mtime:{} delay:",
+                  epochId.toString(), mtime);
   EXPECT_EQ(lines[0].substr(0, head.size()), head);
   EXPECT_TRUE(lines[0].ends_with(" event:startup")) << lines[0];
   EXPECT_TRUE(tracesAt(traces, 0).empty());

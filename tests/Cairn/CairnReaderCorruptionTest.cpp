@@ -1,7 +1,7 @@
 // Corruption as a reader meets it: with no writer running, words of the real
 // files are damaged on disk (a link that loops or points out of range, a
 // flags word without OCCUPIED, a key byte), and each reader operation must end
-// with its documented Basalt::CorruptionDetectedException, never a crash or a
+// with its own Basalt::CorruptionDetectedException text, never a crash or a
 // hang. With no writer, the reader's remap finds nothing to do, so the
 // exception leaves the reader.
 
@@ -51,7 +51,9 @@ class CairnReaderCorruptionTest : public ::testing::Test {
     return reader->next(key, value, spoiled);
   }
 
-  void writeLink(uint32_t slot, uint32_t link) const { table.slotFile().write(ReaderTable::linkValueOffset(slot), link); }
+  void writeLink(uint32_t slot, uint32_t link) const {
+    table.slotFile().write(ReaderTable::linkValueOffset(slot), link);
+  }
 
   ReaderTable table;
   uint32_t first = 0;
@@ -150,7 +152,8 @@ TEST_F(CairnReaderCorruptionTest, AChangedKeyByteIsReportedByTheBucketCheck) {
   // which belongs to bucket 1 under 4, 8 and 16 buckets alike.
   table.slotFile().flip(ReaderTable::keyOffset(second), 1);
   const std::string changed = hexOf(HashedKey{9, 8});
-  const std::string inLookup = fmt::format("CairnReader::doLookup() corrupt key detected. key:{} bucketIndex:0", changed);
+  const std::string inLookup =
+      fmt::format("CairnReader::doLookup() corrupt key detected. key:{} bucketIndex:0", changed);
   EXPECT_EQ(corruption([&] { lookup(HashedKey{8, 8}); }), inLookup);
   EXPECT_EQ(corruption([&] { lookup(HashedKey{24, 24}); }), inLookup);
   const std::string inNext = fmt::format("CairnReader::doNext() corrupt key detected. key:{} bucketIndex 0", changed);

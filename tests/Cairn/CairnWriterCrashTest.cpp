@@ -173,13 +173,17 @@ TEST(CairnWriterMultiProcess, OneWriterPerTableUntilItDies) {
   const std::optional<Hello> greeting = hello.receive<Hello>();
   ASSERT_TRUE(greeting.has_value()) << "the child's writer did not start";
 
-  try {
-    table.start();
-    FAIL() << "a second writer attached";
-  } catch (const Basalt::InvalidInitializeException & exception) {
-    EXPECT_EQ(std::string(exception.what()),
-              fmt::format("WriterLock::acquireWriterLock() table:{} owned by live writer pid:{}", table.directory(),
-                          child));
+  const std::string refusal =
+      fmt::format("WriterLock::acquireWriterLock() table:{} owned by live writer pid:{}", table.directory(), child);
+  {
+    TestSupport::TraceCapture traces;
+    try {
+      table.start();
+      ADD_FAILURE() << "a second writer attached";
+    } catch (const Basalt::InvalidInitializeException & exception) {
+      EXPECT_EQ(std::string(exception.what()), refusal);
+    }
+    EXPECT_EQ(tracesAt(traces, 0), std::vector<std::string>{refusal});
   }
   table.stop();
 

@@ -4,8 +4,7 @@
 // start is a new CairnWriter object on the same files, as a new writer process
 // would make; the traces of levels 0 to 2 tell what each start decided.
 
-#include <sys/stat.h>
-
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>

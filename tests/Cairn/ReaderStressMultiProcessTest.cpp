@@ -153,7 +153,7 @@ void runWriter(Board & board, int readyFd) {
   WriterCounts & counts = board.writer;
   uint32_t lastBuckets = 0;
   for (uint64_t op = 0; !stopRequested(board); ++op) {
-    const bool filling = (op / 100000) % 2 == 0;
+    const bool filling = (op / 60000) % 2 == 0;
     iif.step(random, filling);
     tunnel.step(random, filling);
     counts.operations += 2;

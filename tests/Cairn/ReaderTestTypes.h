@@ -103,31 +103,35 @@ struct ReaderTable {
 // A key in a corruption message: its bytes, as read from the slot.
 inline std::string hexOf(const HashedKey & key) { return Basalt::dumpHex(&key, sizeof(key)); }
 
-// Sets the hash observer of HashedKey for the life of the scope; the action
-// runs once, at the first hash for which `when` holds, with the observer
-// quiet during the action (the writer hashes keys too).
+// Sets the hash observer of HashedKey for the life of the scope: `action`
+// runs at each hash for which `when` holds (at the first only, with
+// Runs::once), with the observer quiet during the action, since readers and
+// the writer hash keys too. The map hashes keys between its stores, so the
+// action sees the files as a reader sees them in the middle of an operation.
 class HashHook {
  public:
+  enum class Runs { once, always };
+
   template <typename When, typename Action>
-  HashHook(When when, Action action) {
-    hashObserver() = [this, when, action] {
-      if (fired_ || running_ || !when()) {
+  HashHook(When when, Action action, Runs runs = Runs::once) {
+    hashObserver() = [this, when, action, runs] {
+      if (running_ || (runs == Runs::once && fired_ > 0) || !when()) {
         return;
       }
       running_ = true;
       action();
       running_ = false;
-      fired_ = true;
+      ++fired_;
     };
   }
   ~HashHook() { hashObserver() = nullptr; }
   HashHook(const HashHook &) = delete;
   HashHook & operator=(const HashHook &) = delete;
 
-  bool fired() const { return fired_; }
+  unsigned fired() const { return fired_; }
 
  private:
-  bool fired_ = false;
+  unsigned fired_ = 0;
   bool running_ = false;
 };
 

@@ -3,26 +3,13 @@
 // one slot under the flags protocol. Each state a reader can meet is built
 // deterministically beside an idle writer, through the writer's own mapping.
 
-#include <fcntl.h>
-#include <linux/audit.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <ucontext.h>
-#include <unistd.h>
-
-#include <climits>
-#include <csignal>
-#include <cstddef>
 #include <filesystem>
 #include <fstream>
 
 #include <gtest/gtest.h>
 
 #include "Cairn/ReaderTestTypes.h"
+#include "Cairn/SyscallProbes.h"
 #include "Support/TextTesting.h"
 
 using namespace CairnTest;
@@ -122,167 +109,6 @@ TEST_F(SlotReaderTest, AfterAttachCapacityIsZeroAndEverySlotThrowsUntilDoResize)
   EXPECT_EQ(anchor.base, reinterpret_cast<uint64_t>(reader.header()));
 }
 
-TEST_F(SlotReaderTest, AFileShorterThanItsCountWithTheVersionAtRestIsCorruption) {
-  fill(3);
-  auto reader = table.reader();
-  reader->doResize();
-  auto & numSlots = table.header().numSlots;
-  const Arena::VerU32 original = numSlots.load();
-  const std::size_t fileSize = table.slotFile().size();
-  constexpr uint32_t claimed = 100000;
-  const std::size_t needed = ReaderTable::slotHeaderSize + std::size_t{claimed} * ReaderTable::slotSize;
-  numSlots.store(original.version + 1, claimed);
-
-  const std::string expected = fmt::format(
-      "SlotReader::doResize() requesting to map {} {} slots. Requested file resize to {} but real file size is {}",
-      table.file(Cairn::SlotFileName), claimed, needed, fileSize);
-  EXPECT_EQ(messageOf<Basalt::CorruptionDetectedException>([&] { reader->slotTable().doResize(); }), expected);
-  // Nothing changed: the view is the one before.
-  EXPECT_EQ(reader->slotTable().localNumSlots(), original);
-  EXPECT_EQ(reader->counters().slotResizes, 1u);
-  // A lookup meets the same statement, and it is not retried away.
-  bool found = false;
-  EXPECT_EQ(messageOf<Basalt::CorruptionDetectedException>([&] { reader->lookup(HashedKey{1, 1}, found, nullptr); }),
-            expected);
-
-  numSlots.store(original.version, original.value);
-  HashedValue out;
-  reader->lookup(HashedKey{1, 1}, found, &out);
-  EXPECT_TRUE(found);
-  EXPECT_EQ(out, valueOf(1, 1, 101));
-}
-
-namespace {
-
-// Installs a seccomp filter on this process by the system calls alone, so
-// that no library's wrapper around them makes a system call of its own after
-// the filter is on.
-bool installFilter(sock_fprog & program) {
-  return syscall(SYS_prctl, PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &program) == 0;
-}
-
-// Runs `body` in a child process in which every fstat of the file at `path`
-// first runs `onStat` and is then answered as usual: a seccomp filter traps
-// the call, and the SIGSYS handler does both. It lets a test act at the one
-// moment between the reader's copy of the header and its look at the file's
-// size. The child's exit code is the result: 0 passed, 1 failed, 2 seccomp
-// unavailable.
-struct StatTrap {
-  static inline int spare = -1;  // a duplicate descriptor of the file, whose fstat is not trapped
-  static inline void (*onStat)() = nullptr;
-
-  static void handler(int, siginfo_t * info, void * context) {
-    auto * registers = static_cast<ucontext_t *>(context)->uc_mcontext.gregs;
-    auto * buffer = reinterpret_cast<struct stat *>(info->si_syscall == SYS_newfstatat ? registers[REG_RDX]
-                                                                                        : registers[REG_RSI]);
-    if (onStat != nullptr) {
-      onStat();
-    }
-    registers[REG_RAX] = syscall(SYS_fstat, spare, buffer);
-  }
-
-  // Traps fstat and newfstatat on each of `descriptors`.
-  static bool install(const std::vector<int> & descriptors) {
-    spare = dup(descriptors.front());
-    struct sigaction action = {};
-    action.sa_sigaction = handler;
-    action.sa_flags = SA_SIGINFO;
-    sigaction(SIGSYS, &action, nullptr);
-    std::vector<sock_filter> filter{
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AUDIT_ARCH_X86_64, 1, 0),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fstat, 1, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_newfstatat, 0, static_cast<uint8_t>(descriptors.size() + 1)),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
-    };
-    for (std::size_t i = 0; i < descriptors.size(); ++i) {
-      // Jumps to the trap, which follows the last comparison.
-      filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(descriptors[i]),
-                                static_cast<uint8_t>(descriptors.size() - i), 0));
-    }
-    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP));
-    sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
-    return installFilter(program);
-  }
-};
-
-// The descriptors of this process that have `path` open.
-std::vector<int> descriptorsOf(const std::string & path) {
-  std::vector<int> descriptors;
-  for (const auto & entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code error;
-    if (std::filesystem::read_symlink(entry.path(), error) == std::filesystem::path(path)) {
-      descriptors.push_back(std::stoi(entry.path().filename().string()));
-    }
-  }
-  return descriptors;
-}
-
-// Ends a child process at once, by the system call alone: no exit handler
-// and no sanitizer's leak check runs in it. Not declared noreturn: the
-// address sanitizer prepares a call of a noreturn function with a system
-// call of its own.
-void endChild(int code) { syscall(SYS_exit_group, code); }
-
-// Runs `body` in a child process after `setup`, and gives the child's exit
-// code: 0 passed, 1 failed, 2 setup failed (seccomp unavailable), 128 plus
-// the signal that killed it.
-template <typename Setup, typename Body>
-int inChild(Setup setup, Body body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    endChild(!setup() ? 2 : body() ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-template <typename Body>
-int inTrappedChild(const std::string & path, void (*onStat)(), Body body) {
-  return inChild(
-      [&] {
-        const std::vector<int> descriptors = descriptorsOf(path);
-        StatTrap::onStat = onStat;
-        return !descriptors.empty() && StatTrap::install(descriptors);
-      },
-      body);
-}
-
-// Runs `body` in a child process that is killed by its first system call.
-template <typename Body>
-int inSyscallFreeChild(Body body) {
-  return inChild(
-      [] {
-        sock_filter filter[] = {
-            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 1, 0),
-            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
-            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-        };
-        sock_fprog program = {static_cast<unsigned short>(sizeof(filter) / sizeof(filter[0])), filter};
-        return installFilter(program);
-      },
-      body);
-}
-
-Arena::VerU32 * sharedNumSlots = nullptr;
-uint32_t settledCount = 0;
-
-// The writer changes the size once more between the reader's copy and its
-// look at the file: the count the reader copied is gone, the new one fits.
-void settleCount() {
-  if (sharedNumSlots->load().value != settledCount) {
-    sharedNumSlots->store(sharedNumSlots->load().version + 1, settledCount);
-  }
-}
-
-}  // namespace
-
 TEST_F(SlotReaderTest, DoResizeWithAnUnchangedVersionDoesNothing) {
   fill(3);
   auto reader = table.reader();
@@ -332,7 +158,50 @@ TEST_F(SlotReaderTest, OperationsInTheSteadyStateMakeNoSystemCall) {
   EXPECT_EQ(result, 0);
 }
 
+TEST_F(SlotReaderTest, AFileShorterThanItsCountWithTheVersionAtRestIsCorruption) {
+  fill(3);
+  auto reader = table.reader();
+  reader->doResize();
+  auto & numSlots = table.header().numSlots;
+  const Arena::VerU32 original = numSlots.load();
+  const std::size_t fileSize = table.slotFile().size();
+  constexpr uint32_t claimed = 100000;
+  const std::size_t needed = ReaderTable::slotHeaderSize + std::size_t{claimed} * ReaderTable::slotSize;
+  numSlots.store(original.version + 1, claimed);
 
+  const std::string expected = fmt::format(
+      "SlotReader::doResize() requesting to map {} {} slots. Requested file resize to {} but real file size is {}",
+      table.file(Cairn::SlotFileName), claimed, needed, fileSize);
+  EXPECT_EQ(messageOf<Basalt::CorruptionDetectedException>([&] { reader->slotTable().doResize(); }), expected);
+  // Nothing changed: the view is the one before.
+  EXPECT_EQ(reader->slotTable().localNumSlots(), original);
+  EXPECT_EQ(reader->counters().slotResizes, 1u);
+  // A lookup meets the same statement, and it is not retried away.
+  bool found = false;
+  EXPECT_EQ(messageOf<Basalt::CorruptionDetectedException>([&] { reader->lookup(HashedKey{1, 1}, found, nullptr); }),
+            expected);
+
+  numSlots.store(original.version, original.value);
+  HashedValue out;
+  reader->lookup(HashedKey{1, 1}, found, &out);
+  EXPECT_TRUE(found);
+  EXPECT_EQ(out, valueOf(1, 1, 101));
+}
+
+namespace {
+
+Arena::VerU32 * sharedNumSlots = nullptr;
+uint32_t settledCount = 0;
+
+// The writer changes the size once more between the reader's copy and its
+// look at the file: the count the reader copied is gone, the new one fits.
+void settleCount() {
+  if (sharedNumSlots->load().value != settledCount) {
+    sharedNumSlots->store(sharedNumSlots->load().version + 1, settledCount);
+  }
+}
+
+}  // namespace
 
 TEST_F(SlotReaderTest, ACountThatMovesBetweenTheCopyAndTheFileSizeIsCopiedAgain) {
   fill(3);
