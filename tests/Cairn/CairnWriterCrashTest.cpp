@@ -222,10 +222,10 @@ struct Report {
 
 constexpr uint64_t KeyCount = 300;
 
-// TESSEL_CRASH_ROUNDS sets the number of writers killed (default 30).
+// TESSEL_CRASH_ROUNDS sets the number of writers killed (default 200; 10000 for a long run).
 int rounds() {
   const char * text = std::getenv("TESSEL_CRASH_ROUNDS");
-  return text != nullptr ? std::atoi(text) : 30;
+  return text != nullptr ? std::atoi(text) : 200;
 }
 constexpr uint32_t MostOperationsBeforeTheKill = 600;
 
