@@ -176,13 +176,13 @@ class FileBytes {
   template <typename T>
   T read(std::size_t offset) const {
     T value;
-    transfer(&value, sizeof(value), offset, false);
+    readAt(&value, sizeof(value), offset);
     return value;
   }
 
   template <typename T>
   void write(std::size_t offset, const T & value) const {
-    transfer(const_cast<T *>(&value), sizeof(value), offset, true);
+    writeAt(&value, sizeof(value), offset, 0);
   }
 
   // XORs the byte at `offset` with `mask`.
@@ -192,15 +192,13 @@ class FileBytes {
 
   std::string contents() const {
     std::string bytes(size(), '\0');
-    transfer(bytes.data(), bytes.size(), 0, false);
+    readAt(bytes.data(), bytes.size(), 0);
     return bytes;
   }
 
   // Replaces the contents in place, creating the file if need be: a file
   // keeps its inode, and so the locks on it.
-  void contentsIs(std::string_view bytes) const {
-    transfer(const_cast<char *>(bytes.data()), bytes.size(), 0, true, O_TRUNC);
-  }
+  void contentsIs(std::string_view bytes) const { writeAt(bytes.data(), bytes.size(), 0, O_TRUNC); }
 
   void truncate(std::size_t length) const {
     if (::truncate(path_.c_str(), static_cast<off_t>(length)) != 0) {
@@ -211,16 +209,26 @@ class FileBytes {
   const std::string & path() const { return path_; }
 
  private:
-  void transfer(void * data, std::size_t bytes, std::size_t offset, bool writing, int extraFlags = 0) const {
-    const int fd = open(path_.c_str(), (writing ? (O_WRONLY | O_CREAT) : O_RDONLY) | O_CLOEXEC | extraFlags, 0644);
-    if (fd < 0) {
-      fail("open");
+  void readAt(void * data, std::size_t bytes, std::size_t offset) const {
+    const int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+    const ssize_t done = fd < 0 ? -1 : pread(fd, data, bytes, static_cast<off_t>(offset));
+    finish(fd, done, bytes, "read");
+  }
+
+  void writeAt(const void * data, std::size_t bytes, std::size_t offset, int extraFlags) const {
+    const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | extraFlags, 0644);
+    const ssize_t done = fd < 0 ? -1 : pwrite(fd, data, bytes, static_cast<off_t>(offset));
+    finish(fd, done, bytes, "write");
+  }
+
+  void finish(int fd, ssize_t done, std::size_t bytes, const char * call) const {
+    const int error = errno;
+    if (fd >= 0) {
+      close(fd);
     }
-    const ssize_t done = writing ? pwrite(fd, data, bytes, static_cast<off_t>(offset))
-                                 : pread(fd, data, bytes, static_cast<off_t>(offset));
-    close(fd);
     if (done != static_cast<ssize_t>(bytes)) {
-      fail(writing ? "pwrite" : "pread");
+      errno = error;
+      fail(call);
     }
   }
 
