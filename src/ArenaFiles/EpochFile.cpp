@@ -7,16 +7,12 @@
 #include <fmt/format.h>
 
 #include "Basalt/Exception.h"
-#include "Basalt/HashMix.h"
 #include "Basalt/Util.h"
 
 namespace ArenaFiles {
 
 uint32_t EpochFile::Record::doChecksum() const {
-  Basalt::Impl::HashMix<unsigned int> mix;
-  mix.mixBytes(this, offsetof(Record, checksum));
-  mix.mixBytes(&reserved, sizeof(reserved));
-  return mix.result();
+  return SmallFile::checksumOf(*this, offsetof(Record, checksum));
 }
 
 EpochFile::EpochFile(Basalt::Platform::DebugHandler & handler, std::string directory, bool localMem)

@@ -10,7 +10,6 @@
 #include <fmt/format.h>
 
 #include "Basalt/Exception.h"
-#include "Basalt/HashMix.h"
 #include "Basalt/Util.h"
 
 namespace ArenaFiles {
@@ -41,11 +40,7 @@ std::string_view nameOf(const OwnerFile::Record & record) {
 }  // namespace
 
 uint32_t OwnerFile::Record::doChecksum() const {
-  Basalt::Impl::HashMix<unsigned int> mix;
-  mix.mixBytes(this, offsetof(Record, checksum));
-  const auto * after = reinterpret_cast<const char *>(this) + offsetof(Record, tableId);
-  mix.mixBytes(after, sizeof(Record) - offsetof(Record, tableId));
-  return mix.result();
+  return SmallFile::checksumOf(*this, offsetof(Record, checksum));
 }
 
 OwnerFile::OwnerFile(Basalt::Platform::DebugHandler & handler, std::string directory, bool localMem)

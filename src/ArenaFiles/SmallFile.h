@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "Basalt/HashMix.h"
+
 namespace ArenaFiles::SmallFile {
 
 // Eight characters as the 64-bit word they are when read little-endian: the
@@ -39,5 +41,17 @@ Contents read(const std::string & path, std::size_t limit);
 // default base directory) it costs nothing. The directory must exist. On
 // false, `error` says what failed, and no temporary file is left.
 bool replace(const std::string & path, std::string_view bytes, std::string & error);
+
+// FNV-1a of every byte of `record` except its 32-bit checksum field, which
+// lies at `checksumOffset`: the checksum of each small file's record.
+template <typename Record>
+uint32_t checksumOf(const Record & record, std::size_t checksumOffset) {
+  Basalt::Impl::HashMix<unsigned int> mix;
+  const auto * bytes = reinterpret_cast<const char *>(&record);
+  mix.mixBytes(bytes, checksumOffset);
+  const std::size_t after = checksumOffset + sizeof(uint32_t);
+  mix.mixBytes(bytes + after, sizeof(Record) - after);
+  return mix.result();
+}
 
 }  // namespace ArenaFiles::SmallFile
