@@ -158,7 +158,7 @@ void * ArenaFilesWrapper::attachFile(std::size_t size) {
   if (writable && !makeDirectories()) {
     return nullptr;
   }
-  fd_ = open(path_.c_str(), writable ? O_RDWR | O_CREAT | O_CLOEXEC : O_RDONLY | O_CLOEXEC, 0644);
+  fd_ = open(path_.c_str(), (writable ? O_RDWR | O_CREAT : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd_ < 0) {
     return fail("attach", fmt::format("cannot open {}: {}", path_, errorText()));
   }
@@ -216,8 +216,8 @@ void * ArenaFilesWrapper::resizeFile(std::size_t size) {
   return base_;
 }
 
-// mkdir on each prefix of the directory in turn, as `mkdir -p` does; one that
-// exists already is passed over.
+// mkdir on each prefix of the directory in turn, as `mkdir -p` does, with the
+// owner and mode of each checked (Basalt::Util::makeDirectories).
 bool ArenaFilesWrapper::makeDirectories() {
   std::string error;
   if (!Basalt::Util::makeDirectories(directory_, error)) {

@@ -32,7 +32,9 @@
 // and returns null with reason() empty, which is not a failure.
 //
 // A ReadWrite attach creates the directory and its missing parents (mode
-// 0755) and the file (mode 0644). A ReadOnly attach or resize never changes
+// 0755) and the file (mode 0644), and refuses a directory that another user
+// could change (Basalt::Util::makeDirectories says which). No attach follows
+// a symbolic link at the file's path (O_NOFOLLOW): a link fails to open. A ReadOnly attach or resize never changes
 // the file: asking for more than it holds fails, since touching a mapped page
 // past the end of a file raises SIGBUS.
 //

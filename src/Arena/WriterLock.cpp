@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <fstream>
@@ -23,7 +24,6 @@ namespace Arena {
 namespace {
 
 constexpr std::size_t MaxBaseInName = 32;
-constexpr std::size_t MaxPidText = 16;
 
 struct Held {
   int fd;
@@ -69,23 +69,6 @@ void dropClosed(Registry & reg) {
 
 std::string lockPath(const std::string & directory) { return directory + "/" + WriterLock::LOCK_NAME; }
 
-// The pid that the holder of `fd`'s file recorded, 0 when there is none.
-pid_t recordedPid(int fd) {
-  char text[MaxPidText] = {};
-  ssize_t length = pread(fd, text, sizeof(text) - 1, 0);
-  pid_t pid = 0;
-  if (length > 0) {
-    std::from_chars(text, text + length, pid);
-  }
-  return pid;
-}
-
-bool recordPid(int fd, pid_t pid) {
-  std::string text = fmt::format("{}\n", pid);
-  return pwrite(fd, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) &&
-         ftruncate(fd, static_cast<off_t>(text.size())) == 0;
-}
-
 [[noreturn]] void refuse(Basalt::Platform::DebugHandler & handler, const std::string & message) {
   BASALT_TRACE(handler, 0, "{}", message);
   throw Basalt::InvalidInitializeException(message);
@@ -115,11 +98,11 @@ std::string WriterLock::acquireWriterLock(Basalt::Platform::DebugHandler & handl
   const std::string path = lockPath(directory);
   int fd = -1;
   std::string error;
-  switch (Basalt::Util::lockFile(path, false, fd, error)) {
+  switch (Basalt::Util::lockFile(path, std::chrono::milliseconds(0), fd, error)) {
     case Basalt::Util::LockOutcome::Failed:
       refuse(handler, fmt::format("WriterLock::acquireWriterLock() table:{} {}", directory, error));
     case Basalt::Util::LockOutcome::Busy: {
-      pid_t owner = recordedPid(fd);
+      pid_t owner = Basalt::Util::lockHolder(fd);
       close(fd);
       refuse(handler, fmt::format("WriterLock::acquireWriterLock() table:{} owned by live writer pid:{}",
                                   directory, owner));
@@ -127,9 +110,9 @@ std::string WriterLock::acquireWriterLock(Basalt::Platform::DebugHandler & handl
     case Basalt::Util::LockOutcome::Locked:
       break;
   }
-  const pid_t previous = recordedPid(fd);
+  const pid_t previous = Basalt::Util::lockHolder(fd);
   const pid_t me = getpid();
-  if (!recordPid(fd, me)) {
+  if (!Basalt::Util::lockHolderIs(fd, me)) {
     error = std::strerror(errno);
     close(fd);
     refuse(handler, fmt::format("WriterLock::acquireWriterLock() table:{} cannot record pid in {}: {}",
@@ -212,7 +195,21 @@ std::string WriterLock::socketNameFor(const std::string & directory, pid_t pid) 
   }
   Basalt::Impl::HashMix<unsigned int> hash;
   hash.mixBytes(directory.data(), directory.size());
-  return fmt::format("tessel-{}-{:08x}-{}", base.substr(0, MaxBaseInName), hash.result(), pid);
+  return fmt::format("tessel-{}-{:08x}-{}-{}", base.substr(0, MaxBaseInName), hash.result(),
+                     Basalt::Util::randomToken(), pid);
+}
+
+std::string WriterLock::renewSocketName(Basalt::Platform::DebugHandler & handler, const std::string & directory) {
+  Registry & reg = registry();
+  std::lock_guard guard(reg.mutex);
+  dropClosed(reg);
+  auto found = reg.held.find(directory);
+  BASALT_ASSERT(found != reg.held.end(), "Arena/WriterLock",
+                fmt::format("WriterLock::renewSocketName() table:{} not held by this process", directory));
+  found->second.socketName = socketNameFor(directory, getpid());
+  BASALT_TRACE(handler, 1, "WriterLock::renewSocketName() table:{} socket:{}", directory,
+               found->second.socketName);
+  return found->second.socketName;
 }
 
 pid_t WriterLock::pidOfSocketName(const std::string & socketName) {

@@ -8,8 +8,9 @@
 //       writer has died is taken over. A table with a live writer in another
 //       process is refused with Basalt::InvalidInitializeException
 //       "WriterLock::acquireWriterLock() table:<directory> owned by live
-//       writer pid:<pid>", also traced at level 0. In the process that is the
-//       writer already, it returns the same name again and changes nothing.
+//       writer pid:<pid>", also traced at level 0; it never waits. In the
+//       process that is the writer already, it returns the same name again
+//       and changes nothing.
 //   releaseWriterLock(handler, directory)
 //       gives the role up: removes the lock file and drops the lock. False
 //       when this process did not hold it.
@@ -21,7 +22,10 @@
 // open until the table is released or the process ends; then the kernel
 // drops the lock, so a writer that dies (even by SIGKILL) frees its table.
 // The holder writes its process id into the file, as decimal text, so that a
-// refused process can name it.
+// refused process can name it. The file is private to the writer's user
+// (mode 0600, Basalt::Util::lockFile): a user who may read the table can't
+// open it, and so can't hold its lock and keep the next writer out. Nothing
+// waits for it: a held lock is a refusal at once.
 //
 // Invariants:
 //  1. At most one process holds the flock of the lock file linked at the path
@@ -41,12 +45,16 @@
 //     Lock descriptors are O_CLOEXEC, so an exec'd program holds none.
 //
 // Socket names. A writer's name is "tessel-<last component of the directory,
-// at most 32 characters>-<8 hex digits of the FNV-1a of the directory>-<pid>":
-// one per table and process, at most 64 characters, fit for the abstract
-// socket namespace or a file name. Every doorbell socket name, also the
-// process-wide one that replaces it under the OneSocketNudge toggle, ends in
-// "-<decimal pid>"; pidOfSocketName reads it back. ArenaFiles::DoorbellName is
-// the face of this rule for the layers above.
+// at most 32 characters>-<8 hex digits of the FNV-1a of the directory>-<16
+// random hex digits>-<pid>": at most 76 characters, fit for the abstract
+// socket namespace or a file name. The random part (Basalt::Util::randomToken)
+// is new with every name, so that no other process can take a writer's name
+// before it listens: the abstract namespace checks no permission, and a
+// predictable name could be bound first by any user. Readers learn the name
+// from the owner file. Every doorbell socket name, also the process-wide one
+// that replaces it under the OneSocketNudge toggle, ends in "-<decimal pid>";
+// pidOfSocketName reads it back. ArenaFiles::DoorbellName is the face of this
+// rule for the layers above.
 
 #include <sys/types.h>
 
@@ -78,7 +86,14 @@ class WriterLock {
   static bool ownerIsAlive(Basalt::Platform::DebugHandler & handler, const std::string & socketName,
                            std::string & ownerText);
 
+  // A fresh name for writer `pid` of the table in `directory`: a new random
+  // part with every call.
   static std::string socketNameFor(const std::string & directory, pid_t pid);
+  // In the process that holds the table's lock: a fresh name replaces the
+  // one acquireWriterLock gave (which another socket has taken), and is
+  // returned from then on. Not holding the lock is a programming error, an
+  // assertion.
+  static std::string renewSocketName(Basalt::Platform::DebugHandler & handler, const std::string & directory);
   // The id at the end of a socket name, 0 when it ends in none.
   static pid_t pidOfSocketName(const std::string & socketName);
 };

@@ -13,7 +13,8 @@ namespace ArenaFiles {
 class DoorbellName {
  public:
   explicit DoorbellName(std::string name) : name_(std::move(name)) {}
-  // The name of the nudge socket of writer `pid` of the table in `directory`.
+  // A fresh name for the nudge socket of writer `pid` of the table in
+  // `directory`; its random part differs with every call.
   static DoorbellName forTable(const std::string & directory, pid_t pid);
 
   const std::string & name() const { return name_; }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include <fmt/format.h>
@@ -47,21 +48,51 @@ OwnerFile::OwnerFile(Basalt::Platform::DebugHandler & handler, std::string direc
     : handler_(handler),
       directory_(std::move(directory)),
       path_(directory_ + "/" + FILENAME),
+      lockPath_(directory_ + "/" + LOCK_NAME),
       localMem_(localMem) {}
 
 OwnerFile::~OwnerFile() { unlock(); }
+
+namespace {
+
+std::chrono::milliseconds & lockWaitLimit() {
+  static std::chrono::milliseconds limit = OwnerFile::DefaultLockWait;
+  return limit;
+}
+
+}  // namespace
+
+std::chrono::milliseconds OwnerFile::lockWait() { return lockWaitLimit(); }
+void OwnerFile::lockWaitIs(std::chrono::milliseconds wait) { lockWaitLimit() = wait; }
 
 void OwnerFile::lock() {
   if (localMem_ || locked()) {
     return;
   }
-  std::string error;
-  if (Basalt::Util::lockFile(path_, true, lockFd_, error) != Basalt::Util::LockOutcome::Locked) {
-    auto message = fmt::format("OwnerFile::lock() {}", error);
-    BASALT_TRACE(handler_, 0, "{}", message);
-    throw Basalt::InvalidInitializeException(message);
+  std::string message;
+  switch (Basalt::Util::lockFile(lockPath_, lockWait(), lockFd_, message)) {
+    case Basalt::Util::LockOutcome::Locked:
+      if (Basalt::Util::lockHolderIs(lockFd_, getpid())) {
+        BASALT_TRACE(handler_, 5, "OwnerFile::lock() {} locked", lockPath_);
+        return;
+      }
+      message = fmt::format("cannot record pid in {}: {}", lockPath_, std::strerror(errno));
+      unlock();
+      break;
+    case Basalt::Util::LockOutcome::Busy: {
+      const pid_t holder = Basalt::Util::lockHolder(lockFd_);
+      unlock();
+      message = fmt::format("table:{} still locked by {} after {} ms", directory_,
+                            holder != 0 ? fmt::format("pid:{}", holder) : std::string("an unknown process"),
+                            lockWait().count());
+      break;
+    }
+    case Basalt::Util::LockOutcome::Failed:
+      break;
   }
-  BASALT_TRACE(handler_, 5, "OwnerFile::lock() {} locked", path_);
+  message = fmt::format("OwnerFile::lock() {}", message);
+  BASALT_TRACE(handler_, 0, "{}", message);
+  throw Basalt::InvalidInitializeException(message);
 }
 
 // Closing the one descriptor of the lock's open file description drops it.
@@ -71,7 +102,19 @@ void OwnerFile::unlock() {
   }
   close(lockFd_);
   lockFd_ = -1;
-  BASALT_TRACE(handler_, 5, "OwnerFile::unlock() {} unlocked", path_);
+  BASALT_TRACE(handler_, 5, "OwnerFile::unlock() {} unlocked", lockPath_);
+}
+
+// The lock file goes last, while its lock is still held (invariant 3).
+void OwnerFile::remove() {
+  if (localMem_) {
+    return;
+  }
+  for (const std::string & path : {path_, lockPath_}) {
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+      BASALT_TRACE(handler_, 0, "OwnerFile::remove() cannot unlink {}: {}", path, std::strerror(errno));
+    }
+  }
 }
 
 bool OwnerFile::validate() const {
@@ -150,13 +193,13 @@ bool OwnerFile::doorbellInfoIs(const DoorbellInfo & info) {
   std::memcpy(record.socketName, info.socketName().data(), info.socketName().size());
   record.checksum = record.doChecksum();
 
-  int fd = locked() ? lockFd_ : open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  int fd = open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
   bool done = fd >= 0 && pwrite(fd, &record, sizeof(record), 0) == static_cast<ssize_t>(sizeof(record)) &&
               ftruncate(fd, sizeof(record)) == 0;
   if (!done) {
     BASALT_TRACE(handler_, 0, "OwnerFile::doorbellInfoIs() cannot write {}: {}", path_, std::strerror(errno));
   }
-  if (fd >= 0 && fd != lockFd_) {
+  if (fd >= 0) {
     close(fd);
   }
   if (done) {

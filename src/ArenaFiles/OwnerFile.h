@@ -4,16 +4,28 @@
 //
 // Contract:
 //   lock(), unlock()     writer side, any process that attaches or cleans up:
-//                        an exclusive flock(2) on the owner file itself,
-//                        created with its directory when absent, waited for,
-//                        and held until unlock() or the end of the object.
-//                        Attaches and cleanups of one table thus never
-//                        overlap, and Arena::WriterLock, acquired under it,
-//                        always finds its lock file's pid recorded. Readers
-//                        never take it. Two OwnerFile objects of one table
-//                        locked by one thread wait for each other forever. A
-//                        child made by fork() while the lock is held shares
-//                        it until the child unlock()s its copy of the object.
+//                        an exclusive flock(2) on the lock file LOCK_NAME
+//                        beside the record, created with its directory when
+//                        absent (Basalt::Util::lockFile: mode 0600, so that
+//                        only the writer's user can open it), waited for at
+//                        most lockWait(), and held until unlock() or the end
+//                        of the object. Attaches and cleanups of one table
+//                        thus never overlap, and Arena::WriterLock, acquired
+//                        under it, always finds its lock file's pid recorded.
+//                        The holder records its pid in the lock file. A lock
+//                        still held by another after lockWait() raises
+//                        Basalt::InvalidInitializeException "OwnerFile::lock()
+//                        table:<directory> still locked by pid:<pid> after
+//                        <ms> ms" ("an unknown process" when none is
+//                        recorded). Readers never take it, and can't: the
+//                        record they read is another file. Two OwnerFile
+//                        objects of one table locked by one thread exclude
+//                        each other, and the second lock() raises after the
+//                        wait. A child made by fork() while the lock is held
+//                        shares it until the child unlock()s its copy of the
+//                        object.
+//   remove()             cleanup, under the lock: removes the record and the
+//                        lock file.
 //   doorbellInfoIs(info) writer only: records the owner's DoorbellInfo; in
 //                        attach under the lock, in detach (an empty info)
 //                        after Arena::WriterLock::ownerIsMe. False, traced at
@@ -23,15 +35,16 @@
 //                        when it is unsound.
 //   validate(), validate(error)
 //                        any process: true for a sound record and for a file
-//                        that has only just come into being (absent or empty:
-//                        lock() creates it empty); false with the reason.
+//                        that has not yet been written (absent, or empty as
+//                        an older release's lock() left it); false with the
+//                        reason.
 //   validateFile()       any process, on an attached table: returns if the
 //                        file holds a sound record, else raises
 //                        Basalt::CorruptionDetectedException (also when it is
 //                        absent or empty: an attached writer has written one).
 //   headerToString()     the file as it stands, for failure traces.
-// A table in local memory has no file: lock, unlock and doorbellInfoIs do
-// nothing, doorbellInfo is empty, and every validation passes.
+// A table in local memory has no file: lock, unlock, remove and
+// doorbellInfoIs do nothing, doorbellInfo is empty, and every validation passes.
 //
 // The file FILENAME in the table's directory is empty or one record of 136
 // bytes:
@@ -51,15 +64,17 @@
 //  1. The file is empty or holds exactly one record, and a sound record's
 //     checksum matches and its name fills nameLength bytes, NULs after.
 //  2. The record is rewritten in place, by one write of all 136 bytes at
-//     offset 0, never by a rename: the lock belongs to this inode, and a
-//     rename would give the next locker a fresh inode while the old one is
-//     still locked. A reader racing a rewrite may see a torn record; its
+//     offset 0. A reader racing a rewrite may see a torn record; its
 //     checksum then fails, and it reads as corruption, which callers take
 //     for "owner unknown".
-//  3. cleanup removes the file while it holds the lock; Basalt::Util::lockFile
-//     never returns holding a lock on a removed file, so a waiting locker
-//     locks the file at the path, not the orphan.
+//  3. cleanup removes the lock file while it holds the lock;
+//     Basalt::Util::lockFile never returns holding a lock on a removed file,
+//     so a waiting locker locks the file at the path, not the orphan.
+//  4. The record is readable by every user (mode 0644), the lock file by the
+//     writer's user alone (0600): whoever may read a table can't hold the
+//     lock of its attach.
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -73,6 +88,10 @@ namespace ArenaFiles {
 class OwnerFile {
  public:
   static constexpr const char * FILENAME = "owner";
+  static constexpr const char * LOCK_NAME = "owner.lock";
+  // How long lock() waits for another attach or cleanup of the table by
+  // default: far longer than any of them takes.
+  static constexpr std::chrono::milliseconds DefaultLockWait{10000};
   static constexpr uint64_t Magic = SmallFile::magicOf("TSLOWNER");
   static constexpr uint32_t Version = 1;
   static constexpr std::size_t SocketNameSize = DoorbellInfo::MaxSocketName + 1;
@@ -97,10 +116,14 @@ class OwnerFile {
   OwnerFile & operator=(const OwnerFile &) = delete;
 
   // Raises Basalt::InvalidInitializeException, traced at level 0, when the
-  // file can't be created or locked. A second lock() of a locked object does
-  // nothing.
+  // file can't be created or locked in time. A second lock() of a locked
+  // object does nothing.
   void lock();
   void unlock();
+  void remove();
+  // The bound of lock()'s wait, for every OwnerFile of the process.
+  static std::chrono::milliseconds lockWait();
+  static void lockWaitIs(std::chrono::milliseconds wait);
   bool locked() const { return lockFd_ >= 0; }
 
   bool validate() const;
@@ -111,6 +134,7 @@ class OwnerFile {
   std::string headerToString() const;
 
   const std::string & path() const { return path_; }
+  const std::string & lockPath() const { return lockPath_; }
   bool localMem() const { return localMem_; }
 
  private:
@@ -121,6 +145,7 @@ class OwnerFile {
   Basalt::Platform::DebugHandler & handler_;
   std::string directory_;
   std::string path_;
+  std::string lockPath_;
   bool localMem_;
   int lockFd_ = -1;
 };

@@ -33,7 +33,7 @@ bool writeAll(int fd, std::string_view bytes) {
 
 Contents read(const std::string & path, std::size_t limit) {
   Contents contents;
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) {
     if (errno != ENOENT) {
       contents.status = Status::Failed;
@@ -67,7 +67,7 @@ Contents read(const std::string & path, std::size_t limit) {
 
 bool replace(const std::string & path, std::string_view bytes, std::string & error) {
   const std::string temporary = fmt::format("{}.tmp.{}", path, getpid());
-  int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) {
     error = fmt::format("cannot create {}: {}", temporary, errorText());
     return false;

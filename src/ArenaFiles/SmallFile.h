@@ -34,6 +34,9 @@ struct Contents {
 // expects at most `limit` tells a longer file from one that fits.
 Contents read(const std::string & path, std::size_t limit);
 
+// Neither function follows a symbolic link at `path` (O_NOFOLLOW): a link
+// reads as a failure to open, and a replace renames over the link itself.
+
 // Replaces the file at `path` by `bytes` in one step: they are written to
 // "<path>.tmp.<pid>", synced, and renamed over `path`. Whoever opens the path
 // gets the old file or the new one, never a mixture, and so does a restart

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace Basalt::Util {
@@ -30,8 +34,22 @@ constexpr unsigned CoreDumpSharedBits = 0x0F;
 bool includeShmemInCore();
 
 // Creates `directory` and its missing parents with mode 0755, as `mkdir -p`
-// does; a component that exists already is passed over. On false `error`
-// says which prefix failed and why.
+// does, and makes sure that nobody but this user and root can change what
+// lies in it. Every directory on the path, from "/" down, existing or made
+// here, must be:
+//   - owned by the effective user of the process or by root, and
+//   - not writable by group or others, except with the sticky bit (as /tmp
+//     and /dev/shm): there others may add entries of their own but can't
+//     remove or rename ours. `directory` itself, where the files are made,
+//     must not be writable by group or others at all.
+// A symbolic link on the path is followed only when it is owned by this user
+// or root (its directory, checked before it, lets nobody else replace it);
+// its target's path is then checked the same way. A component that is
+// neither a directory nor a link is left to the operation that needs it (its
+// mkdir or open fails with ENOTDIR). On false `error` names the path that
+// failed and why; nothing is created past it. The library's table
+// directories are made through this, so that no other user can plant a file
+// or a link where a writer makes its files.
 bool makeDirectories(const std::string & directory, std::string & error);
 
 // An exclusive flock(2) on a file, the lock of the table files. flock belongs
@@ -40,19 +58,36 @@ bool makeDirectories(const std::string & directory, std::string & error);
 // gets a lock of its own (which conflicts with the first), and the kernel
 // drops it when its last holder dies.
 //
-// lockFile opens `path` read-write with O_CLOEXEC, creating it (mode 0644)
-// and its directory when absent, and takes the lock, waiting for it when
-// `wait` is true. It returns only holding a lock on the file that is linked
-// at `path` at that moment: a holder may unlink the file and so hand its
-// lock to an orphan inode, and a lock taken on an orphan is dropped and taken
-// again on the file now at the path.
+// lockFile opens `path` read-write with O_NOFOLLOW and O_CLOEXEC, creating it
+// (mode 0600) and its directory (makeDirectories) when absent, and takes the
+// lock, trying again for at most `wait` while another holds it: never without
+// bound. A lock file is private to the user that makes it, so that no other
+// user can open it, and so can't hold its lock: one that others could open
+// (left by an older release) is removed once its lock is ours and made anew.
+// It returns only holding a lock on the file that is linked at `path` at that
+// moment: a holder may unlink the file and so hand its lock to an orphan
+// inode, and a lock taken on an orphan is dropped and taken again on the file
+// now at the path.
 //   Locked  `fd` is the open descriptor that holds the lock.
-//   Busy    (only without `wait`) another description holds it; `fd` is open
+//   Busy    another description still holds it after `wait`; `fd` is open
 //           without the lock, so that the caller can read what its holder
-//           recorded, and the caller closes it.
+//           recorded (lockHolder), and the caller closes it.
 //   Failed  `fd` is -1 and `error` says what failed on which path.
 enum class LockOutcome { Locked, Busy, Failed };
-LockOutcome lockFile(const std::string & path, bool wait, int & fd, std::string & error);
+LockOutcome lockFile(const std::string & path, std::chrono::milliseconds wait, int & fd, std::string & error);
+
+// The holder of a lock file records its process id in it, as decimal text
+// and a newline, so that a process that finds the lock busy can name it.
+// lockHolderIs writes `pid` over the file's contents (false on failure, with
+// errno set); lockHolder reads it back, 0 when none is recorded.
+bool lockHolderIs(int fd, pid_t pid);
+pid_t lockHolder(int fd);
+
+// 16 lower-case hex digits from the kernel's random source (getrandom(2)):
+// the part of a socket name that no other process can predict. Tests may
+// replace the source with randomTokenSourceIs; an empty function restores it.
+std::string randomToken();
+void randomTokenSourceIs(std::function<std::string()> source);
 
 }  // namespace Basalt::Util
 

@@ -355,7 +355,7 @@ class CairnWriter : public CairnInterface<Key, Value>,
     }
     if (!localMem_) {
       Cairn::Util::removeCorruptionFile(debugHandler(), directory());
-      enableNudges(doorbellInfo);
+      enableNudges(ownerFile, doorbellInfo);
       // The generation is recorded only now, once the table is sound and owned.
       epochFile.write(epochId_);
       BASALT_TRACE(debugHandler(), 1, "CairnWriter::attach() success {} capacity:{} epochId:{} mtime:{} doorbellInfo:{}",
@@ -634,13 +634,20 @@ class CairnWriter : public CairnInterface<Key, Value>,
 
   // Readers' connections: each notification wakes sleeping readers, and what
   // readers report of their progress tells the queue when they are quiesced.
-  void enableNudges(const ArenaFiles::DoorbellInfo & doorbellInfo) {
+  // A socket name that another process has taken is given up for a fresh
+  // one, which the owner file then publishes instead.
+  void enableNudges(ArenaFiles::OwnerFile & ownerFile, ArenaFiles::DoorbellInfo & doorbellInfo) {
     nudge_.progressHookIs([this](const std::string & reader, uint64_t sequence) {
       ripple_.clientProgressIs(reader, sequence);
     });
     nudge_.goneHookIs([this](const std::string & reader) { ripple_.clientDel(reader); });
     ripple_.nudgeHookIs([this](uint64_t sequence) { nudge_.notify(sequence); });
-    nudge_.doEnableListen(doorbellInfo.socketName());
+    nudge_.doEnableListen(doorbellInfo.socketName(),
+                          [this] { return Arena::WriterLock::renewSocketName(debugHandler(), directory()); });
+    if (nudge_.socketName() != doorbellInfo.socketName()) {
+      doorbellInfo.socketNameIs(nudge_.socketName());
+      ownerFile.doorbellInfoIs(doorbellInfo);
+    }
     // A reader that connects behind the queue's present end is woken at once.
     nudge_.notify(ripple_.sequence());
   }
@@ -712,7 +719,7 @@ class CairnWriter : public CairnInterface<Key, Value>,
     slots_.removeFile();
     std::error_code ignored;
     std::filesystem::remove(ArenaFiles::EpochFile(debugHandler(), directory(), false).path(), ignored);
-    std::filesystem::remove(ownerFile.path(), ignored);
+    ownerFile.remove();
     Arena::WriterLock::releaseWriterLock(debugHandler(), directory());
     std::filesystem::remove(directory(), ignored);  // only if nothing else is left in it
   }

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "Basalt/Exception.h"
+#include "Basalt/Util.h"
 #include "Nudge/NudgeFormat.h"
 #include "Nudge/WriterNudgeSm.h"
 
@@ -26,22 +27,25 @@ DoorbellAcceptSm * theDoorbell = nullptr;
 
 }  // namespace
 
+std::string doorbellName() { return fmt::format("tessel-doorbell-{}-{}", Basalt::Util::randomToken(), ::getpid()); }
+
 DoorbellAcceptSm & doorbellAcceptSm() {
   if (theDoorbell == nullptr) {
     static Basalt::Platform::DebugHandler handler("DoorbellAcceptSm");
-    theDoorbell = new DoorbellAcceptSm(handler, Loop::processLoop(),
-                                       fmt::format("tessel-doorbell-{}", ::getpid()));
+    theDoorbell = new DoorbellAcceptSm(handler, Loop::processLoop(), doorbellName());
   }
   return *theDoorbell;
 }
 
 DoorbellAcceptSm * existingDoorbellAcceptSm() { return theDoorbell; }
 
+void forgetDoorbellAcceptSmInChild() { theDoorbell = nullptr; }
+
 DoorbellAcceptSm::DoorbellAcceptSm(Basalt::Platform::DebugHandler & handler, Loop::EventLoop & loop,
                                    std::string socketName)
     : Basalt::Debuggable(handler), loop_(&loop), socketName_(std::move(socketName)) {
   std::string error;
-  if (!listener_.listenOn(socketName_, error)) {
+  if (!listener_.listenOnFree(socketName_, doorbellName, NameRenewals, error)) {
     auto message = fmt::format("DoorbellAcceptSm::DoorbellAcceptSm() cannot listen on {}: {}", socketName_, error);
     BASALT_TRACE(debugHandler(), 0, "{}", message);
     throw Basalt::InvalidInitializeException(message);

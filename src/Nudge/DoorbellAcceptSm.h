@@ -8,12 +8,16 @@
 // doorbell's socket name.
 //
 // There is one per process, made on first use by doorbellAcceptSm() on
-// Loop::processLoop(), listening on "tessel-doorbell-<pid>" in the abstract
-// namespace (it belongs to no table's directory, and the name goes with the
-// process however it ends). Like every doorbell name, it ends in
-// "-<decimal pid>", which Arena::WriterLock::pidOfSocketName reads back.
+// Loop::processLoop(), listening on "tessel-doorbell-<16 random hex
+// digits>-<pid>" in the abstract namespace (it belongs to no table's
+// directory, and the name goes with the process however it ends). The
+// abstract namespace checks no permission, so the random part keeps other
+// processes from taking the name first; a name found taken all the same is
+// given up for a fresh one (Listener::listenOnFree). Readers learn the name
+// from the owner files. Like every doorbell name, it ends in "-<decimal
+// pid>", which Arena::WriterLock::pidOfSocketName reads back.
 // It lives as long as the process. A forked child that wants one of its own
-// must exec first.
+// calls forgetDoorbellAcceptSmInChild() first, or execs.
 //
 // Event-loop thread only. A connection that sends anything but a well-formed
 // hello for a known table is closed with a level 0 trace.
@@ -69,9 +73,15 @@ class DoorbellAcceptSm : public Basalt::Debuggable {
   uint64_t nextSerial_ = 1;
 };
 
+// A fresh doorbell name: "tessel-doorbell-<random>-<pid>".
+std::string doorbellName();
 // The process's doorbell, made on first use.
 DoorbellAcceptSm & doorbellAcceptSm();
 // The process's doorbell if it has been made, else null.
 DoorbellAcceptSm * existingDoorbellAcceptSm();
+// In a child made by fork(): lets go of the copy of the parent's doorbell
+// (its sockets are the parent's; the copy is left as it is, never used
+// again), so that the next doorbellAcceptSm() makes the child's own.
+void forgetDoorbellAcceptSmInChild();
 
 }  // namespace Nudge

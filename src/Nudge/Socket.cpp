@@ -121,14 +121,29 @@ pid_t Socket::peerPid() const {
 // ---------------------------------------------------------------- Listener
 
 bool Listener::listenOn(const std::string & name, std::string & error) {
+  return bindAndListen(name, error) == 0;
+}
+
+bool Listener::listenOnFree(std::string & name, const std::function<std::string()> & renew, int renewals,
+                            std::string & error) {
+  for (int renewal = 0; bindAndListen(name, error) == EADDRINUSE; ++renewal) {
+    if (renewal == renewals) {
+      return false;
+    }
+    name = renew();
+  }
+  return static_cast<bool>(socket_);
+}
+
+int Listener::bindAndListen(const std::string & name, std::string & error) {
   close();
   Address address;
   if (!addressOf(name, address, error)) {
-    return false;
+    return -1;
   }
   Socket socket = newSocket(error);
   if (!socket) {
-    return false;
+    return -1;
   }
   const auto * raw = reinterpret_cast<const sockaddr *>(&address.address);
   int status = ::bind(socket.fd(), raw, address.length);
@@ -137,8 +152,9 @@ bool Listener::listenOn(const std::string & name, std::string & error) {
     status = ::bind(socket.fd(), raw, address.length);
   }
   if (status != 0) {
-    error = errno == EADDRINUSE ? "a live socket listens on it" : errnoText("bind", errno);
-    return false;
+    const int failure = errno;
+    error = failure == EADDRINUSE ? "a live socket listens on it" : errnoText("bind", failure);
+    return failure;
   }
   if (!abstractName(name)) {
     path_ = name;  // from here on close() removes the file
@@ -146,11 +162,12 @@ bool Listener::listenOn(const std::string & name, std::string & error) {
   }
   socket_ = std::move(socket);
   if (::listen(socket_.fd(), SOMAXCONN) != 0) {
-    error = errnoText("listen", errno);
+    const int failure = errno;
+    error = errnoText("listen", failure);
     close();
-    return false;
+    return failure;
   }
-  return true;
+  return 0;
 }
 
 void Listener::close() {

@@ -9,17 +9,23 @@
 // is removed by whoever closes the listener. A name without one is in the
 // abstract namespace (`ss -xl` shows it with a leading "@"): it needs no
 // directory and vanishes with its last descriptor, however the process ends.
-// Arena::WriterLock's names ("tessel-<table>-<hash>-<pid>") are of this
-// kind. A name has 1 to 107 bytes and no NUL.
+// Arena::WriterLock's names ("tessel-<table>-<hash>-<random>-<pid>") are of
+// this kind. A name has 1 to 107 bytes and no NUL.
 
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "Nudge/NudgeFormat.h"
 
 namespace Nudge {
+
+// How many fresh names a listener tries after a taken one before it gives
+// up. With names that carry a random part, even one renewal is all but never
+// needed.
+constexpr int NameRenewals = 8;
 
 // Owns one descriptor and closes it when it goes. Move-only.
 class Socket {
@@ -54,8 +60,15 @@ class Listener {
   ~Listener() { close(); }
 
   // Binds and listens; on failure the listener stays closed and `error`
-  // tells why.
+  // tells why ("a live socket listens on it" when the name is taken).
   bool listenOn(const std::string & name, std::string & error);
+  // listenOn `name`, and while that name is taken by another socket, on the
+  // next of at most `renewals` names that `renew` makes. True listening, with
+  // `name` the name it listens on; false as listenOn, `error` telling why the
+  // last name failed. An abstract name checks no permission: any process
+  // may take one first, and so a listener that must start gets a fresh one.
+  bool listenOnFree(std::string & name, const std::function<std::string()> & renew, int renewals,
+                    std::string & error);
   void close();
   // The next waiting connection, or an empty socket if none is waiting.
   Socket accept() const;
@@ -63,6 +76,10 @@ class Listener {
   explicit operator bool() const { return static_cast<bool>(socket_); }
 
  private:
+  // 0 when listening, EADDRINUSE when another socket has the name, another
+  // non-zero value when anything else failed.
+  int bindAndListen(const std::string & name, std::string & error);
+
   Socket socket_;
   std::string path_;  // the file-system name, or "" for an abstract one
   dev_t device_ = 0;  // identity of the file that bind made

@@ -34,7 +34,7 @@ WriterNudgeSm::~WriterNudgeSm() { onDetach(); }
 
 // ---------------------------------------------------------------- listening
 
-void WriterNudgeSm::doEnableListen(const std::string & socketName) {
+void WriterNudgeSm::doEnableListen(const std::string & socketName, const std::function<std::string()> & renew) {
   BASALT_ASSERT(!listening(), SourceName,
                 fmt::format("WriterNudgeSm::doEnableListen() tableId:{} already listening on {}", tableId_,
                             socketName_));
@@ -42,17 +42,23 @@ void WriterNudgeSm::doEnableListen(const std::string & socketName) {
       doorbell != nullptr && doorbell->socketName() == socketName) {
     doorbell->tableIs(tableId_, *this);
     doorbell_ = doorbell;
+    socketName_ = socketName;
   } else {
+    std::string name = socketName;
     std::string error;
-    if (!listener_.listenOn(socketName, error)) {
+    if (!listener_.listenOnFree(name, renew, renew ? NameRenewals : 0, error)) {
       auto message = fmt::format("WriterNudgeSm::doEnableListen() tableId:{} cannot listen on {}: {}", tableId_,
-                                 socketName, error);
+                                 name, error);
       BASALT_TRACE(debugHandler(), 0, "{}", message);
       throw Basalt::InvalidInitializeException(message);
     }
+    if (name != socketName) {
+      BASALT_TRACE(debugHandler(), 1, "WriterNudgeSm::doEnableListen() tableId:{} {} was taken, renewed as {}",
+                   tableId_, socketName, name);
+    }
     acceptWatch_ = loop_->watchReadable(listener_.fd(), [this] { acceptReaders(); });
+    socketName_ = std::move(name);
   }
-  socketName_ = socketName;
   sequence_ = 0;
   nudges_ = 0;
   BASALT_TRACE(debugHandler(), 1, "WriterNudgeSm::doEnableListen() tableId:{} listening on {}{}", tableId_,

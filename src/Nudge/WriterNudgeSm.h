@@ -57,10 +57,12 @@ class WriterNudgeSm : public Basalt::Debuggable {
   WriterNudgeSm & operator=(const WriterNudgeSm &) = delete;
 
   // Starts taking readers on `socketName` (see Nudge/Socket.h for names).
-  // Counts start over. Throws Basalt::InvalidInitializeException if the
-  // name can't be listened on; raises the debug assertion if already
-  // listening.
-  void doEnableListen(const std::string & socketName);
+  // Counts start over. A name that another socket has taken is given up for
+  // the next that `renew` makes, at most NameRenewals times; socketName()
+  // then tells the name listened on, which the caller publishes. Throws
+  // Basalt::InvalidInitializeException if no name can be listened on; raises
+  // the debug assertion if already listening.
+  void doEnableListen(const std::string & socketName, const std::function<std::string()> & renew = {});
   // Closes the listening socket (and removes its file) and every reader's
   // connection; the readers see their connection close. Hooks not yet
   // called are dropped: the queue forgets its clients when it detaches too.

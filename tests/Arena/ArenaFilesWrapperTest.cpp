@@ -424,6 +424,33 @@ TEST_F(ArenaFilesWrapperTest, FileNameJoinsTheDirectoryOnce) {
   EXPECT_EQ(Arena::ArenaFilesWrapper(handler_, "", "slots", true).getFilename(), "slots");
 }
 
+// A link planted at a table file's path is never followed: neither a writer
+// nor a reader touches the file it names.
+TEST_F(ArenaFilesWrapperTest, LinkAtTheFilesPathIsNotFollowed) {
+  const std::string victim = temp_.path() + "/victim";
+  std::ofstream(victim) << "precious";
+  ASSERT_EQ(mkdir((temp_.path() + "/tables").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(directory_.c_str(), 0755), 0);
+  ASSERT_EQ(symlink(victim.c_str(), path_.c_str()), 0);
+  for (Mode mode : {Mode::ReadWrite, Mode::ReadOnly}) {
+    Arena::ArenaFilesWrapper files = wrapper();
+    EXPECT_EQ(files.attach(4, mode), nullptr);
+    EXPECT_EQ(files.reason(), fmt::format("cannot open {}: Too many levels of symbolic links", path_));
+  }
+  EXPECT_EQ(lengthOf(victim), 8u) << "the file the link names is untouched";
+}
+
+// The directory of a writer's files must be this user's alone to change.
+TEST_F(ArenaFilesWrapperTest, WriterRefusesADirectoryThatOthersCanWrite) {
+  ASSERT_EQ(mkdir((temp_.path() + "/tables").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(directory_.c_str(), 0755), 0);
+  ASSERT_EQ(chmod(directory_.c_str(), 0777), 0);
+  Arena::ArenaFilesWrapper files = wrapper();
+  EXPECT_EQ(files.attach(4), nullptr);
+  EXPECT_EQ(files.reason(), fmt::format("directory {} is writable by group or others (mode 0777)", directory_));
+  EXPECT_FALSE(exists(path_));
+}
+
 using ArenaFilesWrapperDeathTest = ArenaFilesWrapperTest;
 
 TEST_F(ArenaFilesWrapperDeathTest, AReadOnlyMappingCannotBeWritten) {

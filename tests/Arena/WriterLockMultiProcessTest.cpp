@@ -111,7 +111,7 @@ TEST_F(WriterLockMultiProcessTest, LiveWriterInAChildIsRefusedThenTakenOverAfter
   writer.kill();
   handler_.maskIs(3);
   TestSupport::TraceCapture capture;
-  EXPECT_EQ(WriterLock::acquireWriterLock(handler_, directory_), WriterLock::socketNameFor(directory_, getpid()));
+  EXPECT_EQ(WriterLock::pidOfSocketName(WriterLock::acquireWriterLock(handler_, directory_)), getpid());
   EXPECT_TRUE(WriterLock::holdsWriterLock(directory_));
   EXPECT_TRUE(capture.contains(fmt::format(
       "L1 WriterLock::acquireWriterLock() table:{} taken over from dead writer pid:{}", directory_, dead)));

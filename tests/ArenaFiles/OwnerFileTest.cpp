@@ -1,8 +1,10 @@
 #include "ArenaFiles/OwnerFile.h"
 
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -86,16 +88,28 @@ TEST_F(OwnerFileTest, AbsentFileIsValidButHoldsNoOwner) {
   EXPECT_EQ(owner.headerToString(), fmt::format("OwnerFile::Header() {} absent", path()));
 }
 
-TEST_F(OwnerFileTest, FileThatHasJustComeIntoBeingIsValid) {
+TEST_F(OwnerFileTest, LockMakesAPrivateLockFileAndNoRecord) {
   OwnerFile owner(handler_, directory_, false);
   owner.lock();
   EXPECT_TRUE(owner.locked());
-  ASSERT_TRUE(FileTesting::exists(path())) << "lock() creates the file and its directory";
-  EXPECT_EQ(FileTesting::contents(path()), "");
+  EXPECT_EQ(owner.lockPath(), directory_ + "/owner.lock");
+  struct stat status;
+  ASSERT_EQ(lstat(owner.lockPath().c_str(), &status), 0) << "lock() creates the lock file and its directory";
+  EXPECT_EQ(status.st_mode & 0777, 0600u) << "only the writer's user can open it";
+  EXPECT_EQ(FileTesting::contents(owner.lockPath()), fmt::format("{}\n", getpid())) << "the holder's pid";
+  EXPECT_FALSE(FileTesting::exists(path())) << "the record waits for the first doorbellInfoIs";
+  EXPECT_TRUE(owner.validate());
+}
+
+// An empty record, as an older release's lock() left it, has not yet been
+// written: as valid as an absent one, and it names no owner.
+TEST_F(OwnerFileTest, EmptyRecordIsValidButHoldsNoOwner) {
+  std::filesystem::create_directories(directory_);
+  FileTesting::overwrite(path(), "");
+  OwnerFile owner(handler_, directory_, false);
   std::string error;
   EXPECT_TRUE(owner.validate(error));
   EXPECT_EQ(error, "");
-  EXPECT_TRUE(OwnerFile(handler_, directory_, false).validate());
   EXPECT_TRUE(owner.doorbellInfo().empty());
   expectCorruption([&] { owner.validateFile(); },
                    fmt::format("OwnerFile::validateFile() {} holds no owner record", path()));
@@ -245,8 +259,9 @@ TEST_F(OwnerFileTest, DoorbellInfoIsWithoutADirectoryFailsAndSaysSo) {
 }
 
 TEST_F(OwnerFileTest, LockExcludesOtherOpenersUntilUnlockOrDestruction) {
+  const std::string lockPath = directory_ + "/" + OwnerFile::LOCK_NAME;
   auto tryLockElsewhere = [&] {
-    int fd = open(path().c_str(), O_RDWR | O_CLOEXEC);
+    int fd = open(lockPath.c_str(), O_RDWR | O_CLOEXEC);
     bool got = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0;
     close(fd);
     return got;
@@ -272,31 +287,35 @@ TEST_F(OwnerFileTest, LockThatCannotCreateTheFileRaises) {
     FAIL() << "no file can be made under a plain file";
   } catch (const Basalt::InvalidInitializeException & error) {
     EXPECT_EQ(error.message(),
-              fmt::format("OwnerFile::lock() cannot open {}/plain/owner: Not a directory", temp_.path()));
+              fmt::format("OwnerFile::lock() cannot open {}/plain/owner.lock: Not a directory", temp_.path()));
   }
   EXPECT_FALSE(owner.locked());
 }
 
-// True once /proc/locks shows process `pid` waiting for a flock.
-bool waitsForALock(pid_t pid) {
-  std::ifstream locks("/proc/locks");
-  std::string line;
-  const std::string waiting = "-> FLOCK";
-  while (std::getline(locks, line)) {
-    if (line.find(waiting) != std::string::npos &&
-        line.find(fmt::format(" {} ", pid)) != std::string::npos) {
+// True once process `pid` has the file at `path` open.
+bool holdsOpen(pid_t pid, const std::string & path) {
+  struct stat wanted;
+  if (stat(path.c_str(), &wanted) != 0) {
+    return false;
+  }
+  std::error_code ignored;
+  for (const auto & entry : std::filesystem::directory_iterator(fmt::format("/proc/{}/fd", pid), ignored)) {
+    struct stat status;
+    if (stat(entry.path().c_str(), &status) == 0 && status.st_dev == wanted.st_dev &&
+        status.st_ino == wanted.st_ino) {
       return true;
     }
   }
   return false;
 }
 
-// cleanup removes the owner file while it holds the lock. A process that
-// waited for that lock must come to hold the file now at the path, not the
-// removed one: what it then writes must be in the file at the path.
+// cleanup removes the lock file while it holds the lock. A process that
+// waited for that lock, with the old file open, must come to hold the file
+// now at the path, not the removed one: the file at the path is then locked.
 TEST_F(OwnerFileTest, WaiterOfARemovedFileLocksTheNewOne) {
   OwnerFile cleaner(handler_, directory_, false);
   cleaner.lock();
+  const std::string lockPath = cleaner.lockPath();
   pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
@@ -306,19 +325,64 @@ TEST_F(OwnerFileTest, WaiterOfARemovedFileLocksTheNewOne) {
     cleaner.unlock();
     OwnerFile waiter(handler_, directory_, false);
     waiter.lock();
-    _exit(waiter.doorbellInfoIs(DoorbellInfo("waiter-1", 1)) ? 0 : 1);
+    int fd = open(lockPath.c_str(), O_RDWR | O_CLOEXEC);
+    const bool pathLocked = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    _exit(pathLocked ? 0 : 1);
   }
-  for (int i = 0; i < 5000 && !waitsForALock(child); ++i) {
+  // The waiter opens the file before it tries its lock, and keeps it open
+  // while it tries again.
+  for (int i = 0; i < 5000 && !holdsOpen(child, lockPath); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  EXPECT_TRUE(waitsForALock(child));
-  ASSERT_EQ(unlink(path().c_str()), 0);
+  EXPECT_TRUE(holdsOpen(child, lockPath));
+  cleaner.remove();
   cleaner.unlock();
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_EQ(OwnerFile(handler_, directory_, false).doorbellInfo(), DoorbellInfo("waiter-1", 1));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "the waiter holds the lock of the file at the path";
+}
+
+// An attach or cleanup that holds the lock too long (stopped, or stuck) costs
+// the next one a bounded wait, then a refusal that names the table and the
+// holder.
+TEST_F(OwnerFileTest, LockHeldLongerThanTheWaitIsRefusedNamingTheHolder) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t holder = fork();
+  ASSERT_GE(holder, 0);
+  if (holder == 0) {
+    alarm(20);
+    OwnerFile owner(handler_, directory_, false);
+    owner.lock();
+    (void)!write(ready[1], "L", 1);
+    while (true) {
+      pause();
+    }
+  }
+  close(ready[1]);
+  char report = '?';
+  ASSERT_EQ(read(ready[0], &report, 1), 1);
+  close(ready[0]);
+  const auto defaultWait = OwnerFile::lockWait();
+  EXPECT_EQ(defaultWait, OwnerFile::DefaultLockWait);
+  OwnerFile::lockWaitIs(std::chrono::milliseconds(50));
+  OwnerFile owner(handler_, directory_, false);
+  TestSupport::TraceCapture capture;
+  try {
+    owner.lock();
+    ADD_FAILURE() << "the lock is held by the child";
+  } catch (const Basalt::InvalidInitializeException & error) {
+    EXPECT_EQ(error.message(),
+              fmt::format("OwnerFile::lock() table:{} still locked by pid:{} after 50 ms", directory_, holder));
+    EXPECT_TRUE(capture.contains("L0 " + error.message()));
+  }
+  EXPECT_FALSE(owner.locked());
+  OwnerFile::lockWaitIs(defaultWait);
+  kill(holder, SIGKILL);
+  waitpid(holder, nullptr, 0);
+  owner.lock();
+  EXPECT_TRUE(owner.locked()) << "the lock of a dead holder is free";
 }
 
 TEST_F(OwnerFileTest, LocalTableTouchesNoFile) {

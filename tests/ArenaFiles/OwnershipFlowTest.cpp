@@ -79,7 +79,7 @@ TEST_F(OwnershipFlowTest, FirstStartFindsAFreshOwnerFileSound) {
   ASSERT_TRUE(attach(EpochId::of(0, 42)));
   EXPECT_EQ(EpochFile(handler_, directory_, false).read(), EpochId::of(0, 42));
   const DoorbellInfo info = OwnerFile(handler_, directory_, false).doorbellInfo();
-  EXPECT_EQ(info, DoorbellInfo(WriterLock::socketNameFor(directory_, getpid()), 5));
+  EXPECT_EQ(info, DoorbellInfo(WriterLock::acquireWriterLock(handler_, directory_), 5));
   EXPECT_EQ(ownerText().substr(ownerText().rfind(':')), fmt::format(":{}", getpid()));
 }
 
@@ -105,8 +105,7 @@ TEST_F(OwnershipFlowTest, RestartAfterTheWritersDeathKeepsTheEpochAndTakesOver) 
   ASSERT_EQ(waitpid(writer, &status, 0), writer);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_EQ(ownerText(), "dead:0") << "the owner file still names the dead writer";
-  EXPECT_EQ(OwnerFile(handler_, directory_, false).doorbellInfo().socketName(),
-            WriterLock::socketNameFor(directory_, writer));
+  EXPECT_EQ(DoorbellName(OwnerFile(handler_, directory_, false).doorbellInfo().socketName()).pid(), writer);
 
   ASSERT_TRUE(attach(EpochId::of(0, 99)));
   EXPECT_EQ(EpochFile(handler_, directory_, false).read(), EpochId::of(0, 7)) << "same generation: readers go on";
@@ -134,7 +133,7 @@ TEST_F(OwnershipFlowTest, CleanupWithACorruptOwnerFileStillRemovesEverything) {
     EXPECT_FALSE(owner.validate());
     EXPECT_NE(owner.headerToString().find("computed:"), std::string::npos) << owner.headerToString();
     std::filesystem::remove(directory_ + "/" + EpochFile::EPOCH_NAME);
-    std::filesystem::remove(ownerPath);
+    owner.remove();
     WriterLock::releaseWriterLock(handler_, directory_);
   }
   EXPECT_TRUE(std::filesystem::is_empty(directory_));

@@ -90,6 +90,34 @@ TEST_F(SocketTest, BadNamesAreRefusedWithTheReason) {
   EXPECT_FALSE(listener);
 }
 
+// The abstract namespace checks no permission: a name that another socket
+// holds is given up for the next fresh one.
+TEST_F(SocketTest, ListenOnFreePassesOverTakenNames) {
+  const std::string stem = "tessel-socket-test-" + std::to_string(::getpid());
+  Nudge::Listener first;
+  Nudge::Listener second;
+  std::string error;
+  ASSERT_TRUE(first.listenOn(stem + "-a", error)) << error;
+  ASSERT_TRUE(second.listenOn(stem + "-b", error)) << error;
+  const char * renewals[] = {"-b", "-c"};
+  int made = 0;
+  std::string name = stem + "-a";
+  Nudge::Listener listener;
+  ASSERT_TRUE(listener.listenOnFree(name, [&] { return stem + renewals[made++]; }, 2, error)) << error;
+  EXPECT_EQ(name, stem + "-c");
+  EXPECT_EQ(made, 2);
+  EXPECT_TRUE(Nudge::connectTo(stem + "-c", error)) << error;
+
+  name = stem + "-a";
+  Nudge::Listener refused;
+  EXPECT_FALSE(refused.listenOnFree(name, [&] { return stem + "-b"; }, 1, error));
+  EXPECT_EQ(error, "a live socket listens on it") << "after its renewals, it gives up";
+  EXPECT_FALSE(refused);
+  name = "";
+  EXPECT_FALSE(refused.listenOnFree(name, [&] { return stem + "-d"; }, 3, error));
+  EXPECT_EQ(error, "empty socket name") << "only a taken name is renewed";
+}
+
 TEST_F(SocketTest, TheLongestNamesFitInBothNamespaces) {
   std::string error;
   const std::string abstract = fmt::format("tessel-longest-{}-", ::getpid()) + std::string(107, 'a');

@@ -162,6 +162,23 @@ TEST_F(WriterNudgeSmTest, AWriterLockNameIsAnAbstractNameAndLeavesNoFile) {
   ASSERT_TRUE(runUntil([&] { return reader.disconnects == 1; }));
 }
 
+TEST_F(WriterNudgeSmTest, ATakenNameIsRenewedWhenTheOwnerGivesAWayToRenewIt) {
+  const std::string taken = "tessel-nudge-test-taken-" + std::to_string(::getpid());
+  const std::string fresh = "tessel-nudge-test-fresh-" + std::to_string(::getpid());
+  Nudge::Listener squatter;
+  std::string error;
+  ASSERT_TRUE(squatter.listenOn(taken, error)) << error;
+  handler_.maskIs(3);
+  TestSupport::TraceCapture capture;
+  writer_.doEnableListen(taken, [&] { return fresh; });
+  EXPECT_EQ(writer_.socketName(), fresh);
+  EXPECT_TRUE(capture.contains(fmt::format("L1 WriterNudgeSm::doEnableListen() tableId:{} {} was taken, renewed as {}",
+                                           writer_.tableId(), taken, fresh)));
+  TestReader reader(handler_, loop_);
+  ASSERT_TRUE(reader.nudge.connect(fresh, writer_.tableId()));
+  ASSERT_TRUE(runUntil([&] { return writer_.readers() == 1; }));
+}
+
 TEST_F(WriterNudgeSmTest, OneWriterWakesItsTwoSleepingReaders) {
   writer_.doEnableListen(path_);
   TestReader first(handler_, loop_);
