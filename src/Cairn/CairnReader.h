@@ -410,18 +410,24 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
     }
   }
 
+  // Every entry it returns lies after `key` in split order, by the entry's
+  // own hash. So a walk returns each key at most once, and ends however the
+  // file is damaged: the file holds only so many keys. On a sound table this
+  // holds by itself; only a link that leads back (a slot linked to itself, a
+  // short cycle, a next-bucket link that wraps to bucket 0) breaks it.
   bool doNext(const Key & key, Value & value, IterHint & hint) const {
+    const uint32_t hash = KeyOperations::hash(key);
     if (hint.slot < capacity() && hint.bucket < buckets_.numBuckets()) {
       const Slot * slot = slotTable_.slots()[hint.slot];
       const SlotLink * prev = &slot->link;
       const Arena::VerU32 link = prev->load();  // before the flags comparison
       if (hint.flags == Arena::Atomics::observe32(slot->flags)) {
-        if (auto answer = nextFast(key, value, hint, prev, link)) {
+        if (auto answer = nextFast(key, Basalt::Util::reverse(hash), value, hint, prev, link)) {
           return *answer;
         }
       }
     }
-    return nextSlow(key, value, hint);
+    return nextSlow(key, hash, value, hint);
   }
 
   // The hint's slot is unchanged, so its link leads to the successor. An
@@ -433,9 +439,11 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
   // bucket checks against it fail on a sound table: that is the hint failing,
   // not the file. So these checks send the walk to the slow path, which runs
   // the same checks on the bucket of the key under the current count, and
-  // reports a real fault with the same text.
-  std::optional<bool> nextFast(const Key & key, Value & value, IterHint & hint, const SlotLink * prev,
-                               Arena::VerU32 link) const {
+  // reports a real fault with the same text. An answer that doesn't lie
+  // after `key` in split order goes the same way: the slow path walks by key
+  // and stops a chain that loops at its step count.
+  std::optional<bool> nextFast(const Key & key, uint32_t wanted, Value & value, IterHint & hint,
+                               const SlotLink * prev, Arena::VerU32 link) const {
     if (SlotLink::isNextBucket(link.value)) {
       const uint32_t nextBucket = SlotLink::bucketOf(link.value);
       if (!followsInTableOrder(hint.bucket, nextBucket)) {
@@ -443,7 +451,11 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
       }
       BASALT_TRACE(debugHandler(), 9, "CairnReader::doNext() {} next bucket {} using {}", keyText(key), nextBucket,
                    toString(hint));
-      return first(nextBucket, value, hint);
+      const bool more = first(nextBucket, value, hint);
+      if (more && !comesAfter(KeyOperations::key(value), wanted, key)) {
+        return std::nullopt;
+      }
+      return more;
     }
     if (link.value == EndOfTable) {
       if (!followsInTableOrder(hint.bucket, 0)) {
@@ -461,7 +473,12 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
       throw Basalt::CorruptionDetectedException(fmt::format("CairnReader::doNext() slot:{} not marked as occupied key:{}",
                                                             link.value, hex(KeyOperations::key(value))));
     }
-    if (moved(prev, link) || !fitsBucket(KeyOperations::key(value), hint.bucket)) {
+    if (moved(prev, link)) {
+      return std::nullopt;
+    }
+    const Key & nextKey = KeyOperations::key(value);
+    const uint32_t nextHash = KeyOperations::hash(nextKey);
+    if (!fitsBucket(nextHash, hint.bucket) || !comesAfter(nextHash, nextKey, wanted, key)) {
       return std::nullopt;
     }
     const IterHint used = hint;
@@ -474,9 +491,8 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
 
   // By key alone: the first pair above (rhash, key), so that an iteration
   // survives the removal of its entry and the resizing of both tables.
-  bool nextSlow(const Key & key, Value & value, IterHint & hint) const {
+  bool nextSlow(const Key & key, uint32_t hash, Value & value, IterHint & hint) const {
     ++counters_->iterHintMisses;
-    const uint32_t hash = KeyOperations::hash(key);
     const uint32_t bucketIndex = hash & (buckets_.numBuckets() - 1);
     const uint32_t wanted = Basalt::Util::reverse(hash);
     while (true) {  // restart point
@@ -489,7 +505,11 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
           const uint32_t nextBucket = SlotLink::bucketOf(link.value);
           verifyNextBucket(bucketIndex, nextBucket);
           BASALT_TRACE(debugHandler(), 9, "CairnReader::doNext() {} next bucket {}", keyText(key), nextBucket);
-          return first(nextBucket, value, hint);
+          const bool more = first(nextBucket, value, hint);
+          if (more) {
+            checkAfter(KeyOperations::key(value), wanted, key, nextBucket);
+          }
+          return more;
         }
         if (link.value == EndOfTable) {
           verifyNextBucket(bucketIndex, 0);
@@ -521,6 +541,7 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
             continue;
           }
           checkBucket(slotKey, bucketIndex, "CairnReader::doNext() corrupt key detected. key:{} bucketIndex {}");
+          checkAfter(slotKey, wanted, key, bucketIndex);
           hint = IterHint{flags, link.value, bucketIndex};
           BASALT_TRACE(debugHandler(), 9, "CairnReader::doNext() {} success {}, saving {}", keyText(key),
                        ValueOperations::toString(value), toString(hint));
@@ -559,10 +580,37 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
   }
 
   bool fitsBucket(const Key & slotKey, uint32_t bucket) const {
-    const uint32_t hash = KeyOperations::hash(slotKey);
+    return fitsBucket(KeyOperations::hash(slotKey), bucket);
+  }
+
+  bool fitsBucket(uint32_t hash, uint32_t bucket) const {
     const uint32_t count = buckets_.numBuckets();
     return (hash & (count - 1)) == bucket || (count > 1 && (hash & ((count >> 1) - 1)) == bucket) ||
            (hash & ((count << 1) - 1)) == bucket;
+  }
+
+  // Whether the entry of `candidate`, whose hash is `candidateHash`, lies
+  // after (wanted, key) in split order. The order is taken from the key's own
+  // hash and not from the slot's stored rhash, so that a damaged rhash can't
+  // lead a walk back to an entry it has returned.
+  static bool comesAfter(uint32_t candidateHash, const Key & candidate, uint32_t wanted, const Key & key) {
+    const uint32_t rhash = Basalt::Util::reverse(candidateHash);
+    return wanted < rhash || (wanted == rhash && KeyOperations::less(key, candidate));
+  }
+
+  static bool comesAfter(const Key & candidate, uint32_t wanted, const Key & key) {
+    return comesAfter(KeyOperations::hash(candidate), candidate, wanted, key);
+  }
+
+  // An answer of the slow path that doesn't lie after `key` was reached by a
+  // link that leads back, read with its version at rest: the file is at
+  // fault (or the view is stale, which the wrapper's remap settles).
+  void checkAfter(const Key & candidate, uint32_t wanted, const Key & key, uint32_t bucket) const {
+    if (!comesAfter(candidate, wanted, key)) {
+      throw Basalt::CorruptionDetectedException(
+          fmt::format("CairnReader::doNext() out-of-order key:{} after key:{} bucket:{}", hex(candidate), hex(key),
+                      bucket));
+    }
   }
 
   // `next` must be `bucket`'s successor in table order with the local bit

@@ -25,6 +25,7 @@ class CairnReaderCorruptionTest : public ::testing::Test {
     first = table.indexOf(HashedKey{0, 0});
     second = table.indexOf(HashedKey{8, 8});
     ofTwo = table.indexOf(HashedKey{2, 2});
+    ofThree = table.indexOf(HashedKey{3, 3});
     table.stopWriter();
     reader = table.reader();
     bool found;
@@ -59,11 +60,25 @@ class CairnReaderCorruptionTest : public ::testing::Test {
   uint32_t first = 0;
   uint32_t second = 0;
   uint32_t ofTwo = 0;
+  uint32_t ofThree = 0;
   std::unique_ptr<HashedReader> reader;
 };
 
 std::string cycle(const char * method, uint32_t count, uint32_t capacity) {
   return fmt::format("CairnReader::{}() hash chain cycle detected, slotCount:{} capacity:{}", method, count, capacity);
+}
+
+// A whole walk that gives up after `limit` keys, so that a walk that would
+// never end fails the test instead of hanging it.
+std::vector<HashedKey> boundedWalk(const HashedReader & reader, std::size_t limit) {
+  std::vector<HashedKey> keys;
+  HashedValue value;
+  Cairn::IterHint hint;
+  for (bool more = reader.first(value, hint); more && keys.size() < limit;
+       more = reader.next(value.key, value, hint)) {
+    keys.push_back(value.key);
+  }
+  return keys;
 }
 
 }  // namespace
@@ -171,4 +186,38 @@ TEST_F(CairnReaderCorruptionTest, AChangedKeyByteIsReportedByTheBucketCheck) {
             fmt::format("CairnReader::first() corrupt key detected, key:{} bucket:0", hexOf(HashedKey{1, 0})));
   table.slotFile().flip(ReaderTable::keyOffset(first), 1);
   EXPECT_EQ(walk(*reader).size(), 5u);
+}
+
+// A walk must end on a damaged file. On the hint's fast path a slot that
+// links to itself, or back to an earlier slot of its chain, would hand out
+// the same keys again and again; the answer must lie after the last key, and
+// the walk by key then meets the step count.
+TEST_F(CairnReaderCorruptionTest, AWalkOverASlotLinkedToItselfEndsWithTheCycle) {
+  writeLink(second, second);
+  EXPECT_EQ(corruption([&] { boundedWalk(*reader, 100); }), cycle("doNext", 65, 64));
+  HashedValue value;
+  Cairn::IterHint hint;
+  ASSERT_TRUE(firstEntry(value, hint));
+  ASSERT_TRUE(reader->next(value.key, value, hint));
+  ASSERT_EQ(value.key, (HashedKey{8, 8}));
+  EXPECT_EQ(corruption([&] { reader->next(value.key, value, hint); }), cycle("doNext", 65, 64));
+}
+
+TEST_F(CairnReaderCorruptionTest, AWalkOverAShortCycleEndsWithTheCycle) {
+  writeLink(second, first);  // 8 leads back to 0
+  EXPECT_EQ(corruption([&] { boundedWalk(*reader, 100); }), cycle("doNext", 65, 64));
+}
+
+// The chain of bucket 3 ends with a link to bucket 0. Bucket 3 is the last in
+// table order under 4 buckets, so the successor test of a reader one halving
+// away lets the link pass; the walk would start over from the first entry.
+TEST_F(CairnReaderCorruptionTest, AWalkOverANextBucketLinkBackToTheStartEnds) {
+  writeLink(ofThree, Cairn::SlotLink::nextBucketLink(0));
+  EXPECT_EQ(corruption([&] { boundedWalk(*reader, 100); }),
+            fmt::format("CairnReader::doNext() out-of-order key:{} after key:{} bucket:0", hexOf(HashedKey{0, 0}),
+                        hexOf(HashedKey{3, 3})));
+  // Lookups don't walk across buckets: every key is still found.
+  for (uint32_t hash : {0u, 8u, 1u, 2u, 3u}) {
+    EXPECT_TRUE(lookup(HashedKey{hash, hash})) << hash;
+  }
 }
