@@ -197,7 +197,8 @@ class CairnWriter : public CairnInterface<Key, Value>,
     ++counters_.directWrites;
     Value * address = found ? &slots_.lookasideSlot()->value : &slot->value;
     Marshalling::toSlot(address, ValueOperations::withKey(key));
-    BASALT_TRACE(debugHandler(), 9, "CairnWriter::directWrite() {} {} bucket:{} slot:{} next:{}",
+    // The kind of key carries its own blanks: "CairnWriter::directWrite()  new 7 bucket:...".
+    BASALT_TRACE(debugHandler(), 9, "CairnWriter::directWrite() {}{} bucket:{} slot:{} next:{}",
                  found ? " existing " : " new ", KeyOperations::toString(key), bucket, indexOf(slot),
                  slot->link.value());
     directSlot_ = indexOf(slot);

@@ -171,6 +171,26 @@ TEST_F(CairnWriterTest, DirectWriteOfAnExistingKeyFillsTheLookaside) {
   EXPECT_EQ(out, Value(5, 2));
 }
 
+// The level 9 text: the method's name with its blank, the kind of key with
+// blanks on both sides, then the key.
+TEST_F(CairnWriterTest, DirectWriteTraceNamesTheKindOfKeyThenTheKey) {
+  writer().write(Value(5, 1), true);
+  harness.handler.maskIs(levels({9}));
+  TestSupport::TraceCapture traces;
+  writer().directWrite(NumberKey{7});
+  writer().directCommit();
+  writer().directWrite(NumberKey{5});
+  writer().directCommit();
+  harness.handler.maskIs(0);
+  std::vector<std::string> texts;
+  for (const auto & line : tracesAt(traces, 9)) {
+    if (line.rfind("CairnWriter::directWrite() ", 0) == 0) {
+      texts.push_back(line.substr(0, line.find(" bucket:")));
+    }
+  }
+  EXPECT_EQ(texts, (std::vector<std::string>{"CairnWriter::directWrite()  new 7", "CairnWriter::directWrite()  existing 5"}));
+}
+
 TEST_F(CairnWriterTest, DirectUpdateOfAnAbsentKeyOpensNothing) {
   EXPECT_EQ(writer().directUpdate(NumberKey{5}), nullptr);
   EXPECT_EQ(header().runtimeFlags, 0u);
