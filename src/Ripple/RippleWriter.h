@@ -119,7 +119,9 @@ class RippleWriter : public RippleTable {
 
   // The sound-format check of the validator: headers of this generation,
   // well-ordered entries, slot indices below `mostSlots`, a consistent
-  // corral, and RipplePos and the live entries pointing at each other. On
+  // corral, and every position RipplePos holds on a live entry of its slot.
+  // A live entry that RipplePos doesn't point at, and RipplePos pointing into
+  // the corral, are the table validator's to report (Cairn/Validator.h). On
   // false the reason is in errorText (and at level 0).
   bool validate(ArenaFiles::EpochId wanted, uint32_t mostSlots, std::string & errorText) const;
   // Checks the three files on disk afresh, read-only: they exist and their
