@@ -131,7 +131,7 @@ class CairnMap : public CairnMapBase, public Arena::Notify<K, V> {
 
   // ---- Life ----
 
-  virtual void init(const Arena::CollectionDescriptor & collectionDescriptor) {
+  void init(const Arena::CollectionDescriptor & collectionDescriptor) override {
     BASALT_ASSERT(!orphanAssert_, SourceName,
                   "Re-initializing a collection that has already become an orphan and has assertOnOrphanAccess set");
     const auto & descriptor = dynamic_cast<const MapDescriptor &>(collectionDescriptor);
@@ -216,7 +216,7 @@ class CairnMap : public CairnMapBase, public Arena::Notify<K, V> {
   }
 
   // Detaches and forgets the sentry; the map can be initialised again.
-  virtual void controlDetach() {
+  void controlDetach() override {
     detach(true);
     mounter_.reset();
     initialized_ = false;
@@ -228,7 +228,7 @@ class CairnMap : public CairnMapBase, public Arena::Notify<K, V> {
   }
 
   // Erases the table's files, then controlDetach.
-  virtual void cleanupAndDetach() {
+  void cleanupAndDetach() override {
     BASALT_TRACE(*handler_, 5, "CairnMap::cleanupAndDetach() {}", rootPathText());
     BASALT_ASSERT(initialized_, SourceName,
                   fmt::format("CairnMap::cleanupAndDetach() {} trying to cleanup uninitialized cairn.",

@@ -3,7 +3,8 @@
 // depend on the table's key and value: its name, the descriptor it was
 // initialised with, its debug handler, the sentry that watches its files
 // (its "mounter"), and the report of corruption. Through it a map is the
-// notifiee of both sentries.
+// notifiee of both sentries, and the ControlBase (Cairn/ControlBase.h) by
+// which its collection's control layer mounts it.
 //
 // Contract (all of it on the thread of the map's owner):
 //   doCorruptionDetected(message)
@@ -41,13 +42,14 @@
 #include "Arena/Sentry.h"
 #include "Arena/WriterSentry.h"
 #include "Basalt/DebugHandler.h"
+#include "Cairn/ControlBase.h"
 #include "Cairn/MapDescriptor.h"
 #include "Cairn/ReaderCounters.h"
 #include "Cairn/WriterCounters.h"
 
 namespace Cairn {
 
-class CairnMapBase : public Arena::ReaderSentryNotifiee, public Arena::WriterSentryNotifiee {
+class CairnMapBase : public Arena::ReaderSentryNotifiee, public Arena::WriterSentryNotifiee, public ControlBase {
  public:
   // Called with the table's path and the corruption's message.
   using CorruptionHandler = std::function<void(const std::string & path, const std::string & message)>;
@@ -80,7 +82,6 @@ class CairnMapBase : public Arena::ReaderSentryNotifiee, public Arena::WriterSen
   bool readerFullyAttached() const override;
   bool disconnectedActiveReader() const override;
 
-  virtual uint32_t mountStatus() const = 0;
   virtual bool connected() const = 0;
 
   void doCorruptionDetected(const std::string & message) const;
