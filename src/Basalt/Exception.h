@@ -29,6 +29,12 @@ class CorruptionDetectedException : public Exception {
   using Exception::Exception;
 };
 
+// An operation was given a value it refuses: a key that fails its own
+// validation, say. Nothing was changed.
+class InvalidArgumentException : public Exception {
+  using Exception::Exception;
+};
+
 // A mapping or a resize failed.
 class MemoryResourceException : public Exception {
   using Exception::Exception;
