@@ -14,6 +14,10 @@
 // return null with memSize() 0 and reason() empty. That null is not a failure;
 // a failure is a null with reason() set.
 //
+// attachAs<T>(count, mode) is attach for an array of `count` T: it traces the
+// count at level 5 ("size:<count> elements") and fails in
+// multiplyOverflowCheck's way when the bytes don't fit a size_t.
+//
 // `mode` of attach: 0 is the one mode there is; any other fails with a reason.
 // `flags` are added to the flags of the anonymous mapping (MAP_POPULATE,
 // MAP_NORESERVE...); the heap ignores them.
@@ -24,6 +28,7 @@
 #include <optional>
 #include <string>
 
+#include "Arena/Memory.h"
 #include "Basalt/DebugHandler.h"
 
 namespace Arena {
@@ -42,6 +47,11 @@ class Local {
 
   void * attach(std::size_t bytes, int mode = 0);
   void * resize(std::size_t bytes);
+  template <typename T>
+  T * attachAs(std::size_t count, int mode = 0) {
+    BASALT_TRACE(handler_, 5, "size:{} elements", count);
+    return static_cast<T *>(attach(multiplyOverflowCheck(count, sizeof(T)), mode));
+  }
   void detach();
 
   void * base() const { return base_; }

@@ -64,6 +64,18 @@ struct KeyOps {
   // The key's place in split order: its hash with the bits reversed.
   static uint32_t rhash(const K & key) { return Basalt::Util::reverse(hash(key)); }
   static bool less(const K & a, const K & b) { return a < b; }
+  // Split order of (rhash, key) pairs, the order of every chain: rhash first,
+  // then the key's operator<. Negative, 0 or positive as `a` stands before,
+  // with or after `b`.
+  static int splitOrder(uint32_t rhashA, const K & a, uint32_t rhashB, const K & b) {
+    if (rhashA != rhashB) {
+      return rhashA < rhashB ? -1 : 1;
+    }
+    if (less(a, b)) {
+      return -1;
+    }
+    return less(b, a) ? 1 : 0;
+  }
   static bool equal(const K & a, const K & b) { return a == b; }
   static std::string toString(const K & key) { return ToString<K>()(key); }
 };
