@@ -122,16 +122,57 @@ bool RippleReader::nextEntry(Notification & out) {
 // Takes up the table that swapCount `swaps` names. Pairs with the writer's
 // store of the count: that table is complete.
 void RippleReader::takeUp(uint32_t swaps) {
+  ++counters_->swapsSeen;
+  settleOn(swaps);
+  BASALT_TRACE(debugHandler(), 5,
+               "RippleReader::nextEntry() {} ripple swapped swapCount:{} table:{} resuming at pos:{}",
+               directory_, swapCount_, tableIndex_, next_);
+}
+
+void RippleReader::resume() {
+  if (!attached_) {
+    return;
+  }
+  settleOn(loadSwapCount());
+  BASALT_TRACE(debugHandler(), 5, "RippleReader::resume() {} swapCount:{} table:{} above sequence:{} at pos:{}",
+               directory_, swapCount_, tableIndex_, counters_->sequence, next_);
+}
+
+// Takes up the table that swapCount `swaps` names, at its first entry above
+// counters.sequence. A swap after the load of `swaps` makes the search's
+// answer meaningless, and nextEntry, which loads swapCount first, takes the
+// new table up in turn, from the same sequence.
+void RippleReader::settleOn(uint32_t swaps) {
   swapCount_ = swaps;
   tableIndex_ = swaps & 1u;
-  ++counters_->swapsSeen;
   if (observe32(notifications_[tableIndex_].table->size) > notifications_[tableIndex_].limit) {
     remap(tableIndex_);
   }
   next_ = firstAbove(counters_->sequence);
-  BASALT_TRACE(debugHandler(), 5,
-               "RippleReader::nextEntry() {} ripple swapped swapCount:{} table:{} resuming at pos:{}",
-               directory_, swapCount_, tableIndex_, next_);
+}
+
+uint64_t RippleReader::latestSequence() {
+  if (!attached_) {
+    return 0;
+  }
+  for (;;) {
+    const uint32_t swaps = loadSwapCount();
+    const unsigned index = swaps & 1u;
+    // Pairs with the store that publishes an entry, as in nextEntry.
+    const uint32_t size = observe32(notifications_[index].table->size);
+    const uint32_t latest = size == 0 ? 0 : size - 1;
+    if (latest >= notifications_[index].limit) {
+      remap(index);
+      if (latest >= notifications_[index].limit && loadSwapCount() != swaps) {
+        continue;  // a size from a table being reused
+      }
+    }
+    const uint64_t sequence = notifications_[index][latest].sequence();
+    loadFence();  // the entry's load stays before the second load of swapCount
+    if (loadSwapCount() == swaps) {
+      return sequence;  // not torn: the table was current throughout
+    }
+  }
 }
 
 // Binary search on the rising sequences (invariant 1). Words read from a

@@ -78,6 +78,14 @@ class RippleReader : public RippleTable {
   // Puts `position` on entry `position` of the present table; nextEntry
   // resumes after it.
   void positionIs(uint32_t position);
+  // Takes up the current table at its first entry above counters.sequence,
+  // as after a swap: where a consumer resumes once it has covered every
+  // change up to that sequence by other means (a walk of all slots).
+  void resume();
+  // The writer's latest sequence: that of the last entry of the current
+  // table, 0 before the first notification. Moves no position. 0 while
+  // detached.
+  uint64_t latestSequence();
 
   bool attached() const { return attached_; }
   uint32_t position() const { return position_; }
@@ -88,6 +96,7 @@ class RippleReader : public RippleTable {
 
  private:
   void takeUp(uint32_t swapCount);
+  void settleOn(uint32_t swapCount);
   void remap(unsigned index);
   // The first position of the present table whose sequence is above `sequence`.
   uint32_t firstAbove(uint64_t sequence) const;
