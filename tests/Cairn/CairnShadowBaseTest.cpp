@@ -210,6 +210,27 @@ TEST_F(CairnShadowBaseTest, NotificationsOffHoldTheQueueUntilTheyAreOnAgain) {
   EXPECT_EQ(shadow->entryCalls().size(), 2u);
 }
 
+TEST_F(CairnShadowBaseTest, CorruptionMetInTheQueueIsReportedAndTheQueueIsNotReadAgain) {
+  fill(10);
+  auto shadow = makeShadow();
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(within([&] { return caughtUp(*shadow); }));
+  shadow->entryFault = "a test's fault";
+  write(1, 2);
+  ASSERT_TRUE(within([&] { return !shadow->corruptions.empty(); }));
+  EXPECT_EQ(shadow->corruptions, std::vector<std::string>{"a test's fault"});
+  EXPECT_FALSE(shadow->syncFromRipple());
+  EXPECT_FALSE(shadow->nudgeProcessing());
+  shadow->entryFault.clear();
+  write(2, 2);
+  settle();
+  settle();
+  EXPECT_TRUE(shadow->entryCalls().empty());
+  // A resync takes the queue up again.
+  shadow->resync();
+  ASSERT_TRUE(within([&] { return shadow->completed.size() == 2 && caughtUp(*shadow); }));
+}
+
 TEST_F(CairnShadowBaseSwapTest, AQueueThatSwapsWhileTheShadowDoesNotConsumeIsCaughtUpWithoutAResync) {
   fill(50);
   auto shadow = makeShadow();

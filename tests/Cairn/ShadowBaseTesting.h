@@ -111,6 +111,9 @@ class MapShadow : public Cairn::CairnShadowBase {
 
   bool doSlot(unsigned slotIndex, uint64_t sequence, bool compare) override {
     const bool live = sequence != Cairn::Syncer::NoSequence;
+    if (live && !entryFault.empty()) {
+      throw Basalt::CorruptionDetectedException(entryFault);
+    }
     if (slotIndex >= slots.size()) {
       reader.doResize();
       if (slotIndex >= reader.capacity()) {
@@ -203,6 +206,7 @@ class MapShadow : public Cairn::CairnShadowBase {
   unsigned flushCompletes = 0;
   unsigned disconnects = 0;
   unsigned failures = 0;
+  std::string entryFault;  // when set, a queue entry raises corruption with this text
 };
 
 }  // namespace ShadowTest
