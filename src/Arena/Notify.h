@@ -16,7 +16,8 @@
 //     moves the real three to the saved places and puts no-op closures in
 //     theirs, so that a shadow filling itself at start costs the collection
 //     no callback per entry; the shadow moves them back when its first walk
-//     ends. The mount-status and quiesced callbacks are never suppressed.
+//     ends (restoreKeyNotifications). The mount-status and quiesced
+//     callbacks are never suppressed.
 // A Notify belongs to the thread of its map: it is changed at init and when
 // a walk ends, and its callbacks run on that thread.
 
@@ -55,6 +56,18 @@ class Notify {
     savedKeyCallback_ = std::exchange(keyCallback_, orNothing(KeyCallback()));
     savedDeleteCallback_ = std::exchange(deleteCallback_, orNothing(KeyCallback()));
     keyNotifications_ = false;
+  }
+
+  // Puts the saved callbacks back in their places: what a shadow does when
+  // its first walk ends. Nothing if they were never suppressed.
+  void restoreKeyNotifications() {
+    if (keyNotifications_) {
+      return;
+    }
+    valueCallback_ = std::exchange(savedValueCallback_, orNothing(ValueCallback()));
+    keyCallback_ = std::exchange(savedKeyCallback_, orNothing(KeyCallback()));
+    deleteCallback_ = std::exchange(savedDeleteCallback_, orNothing(KeyCallback()));
+    keyNotifications_ = true;
   }
 
   bool keyNotifications() const { return keyNotifications_; }

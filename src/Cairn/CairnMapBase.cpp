@@ -7,6 +7,7 @@
 
 #include "ArenaFiles/EpochFile.h"
 #include "Basalt/DebugHandlerRegistry.h"
+#include "Basalt/Exception.h"
 #include "Cairn/RootPath.h"
 #include "Cairn/Util.h"
 
@@ -94,6 +95,15 @@ Writer::Counters CairnMapBase::cairnMapUpdateWriterCounters(const Writer::Counte
     writerCounters_ = counters;
   }
   return writerCounters_;
+}
+
+void CairnMapBase::handleDisconnect() {
+  BASALT_TRACE(*handler_, 1, "CairnMap::handleDisconnect()");
+  BASALT_ASSERT(mode() == CairnType::shadow || mode() == CairnType::keyshadow, "Cairn/CairnMap",
+                "CairnMap::handleDisconnect() wrong type:" + modeStr());
+  if (mounter_ != nullptr) {
+    mounter_->poke("CairnMap::handleDisconnect()", 0);
+  }
 }
 
 }  // namespace Cairn

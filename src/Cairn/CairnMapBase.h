@@ -85,6 +85,11 @@ class CairnMapBase : public Arena::ReaderSentryNotifiee, public Arena::WriterSen
   virtual bool connected() const = 0;
 
   void doCorruptionDetected(const std::string & message) const;
+  // The socket of a shadow to its writer closed: the sentry looks at the
+  // files now and attaches or detaches as they tell. Shadow modes only.
+  void handleDisconnect();
+  // Serves from a dummy that owns the present backend.
+  virtual void installDummy() = 0;
   // Sets the process's corruption handler and returns the one it replaces;
   // an empty one restores the default.
   static CorruptionHandler corruptionHandlerIs(CorruptionHandler handler);

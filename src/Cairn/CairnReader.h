@@ -290,6 +290,8 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
   SlotReader & slotTable() { return slotTable_; }
   const BucketReaderTable & buckets() const { return buckets_; }
   Reader::Counters & counters() const { return *counters_; }
+  // The default key and value, and the seed copied from the slot file.
+  const Ops & ops() const { return ops_; }
 
  private:
   // ---- The private walks ----

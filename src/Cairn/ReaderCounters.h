@@ -36,6 +36,8 @@ struct Counters : Ripple::Reader::Counters {
   uint64_t lastSyncSequence = 0;   // the sequence a finished sync or resync walk stands at
   uint64_t shadowMappedSize = 0;   // bytes mapped of the shadow's slots and buckets
   uint64_t epochMappedSize = 0;    // bytes mapped of the epoch file by a key-only shadow
+  uint64_t primaryMappedSize = 0;    // bytes mapped of the queue's primary table
+  uint64_t secondaryMappedSize = 0;  // bytes mapped of the queue's secondary table
 };
 
 }  // namespace Cairn::Reader

@@ -79,6 +79,9 @@ class SlotTable : public Basalt::Debuggable {
     versionAnchor_.base = reinterpret_cast<uint64_t>(header_);
   }
   void resetAnchor() const { versionAnchor_.reset(); }
+  // Puts back an anchor saved before a read that is not to move it (a
+  // shadow's compare of a value it already holds).
+  void restoreAnchor(const Arena::VersionAnchor & anchor) const { versionAnchor_ = anchor; }
 
  protected:
   const RootPath & rootPath_;
