@@ -11,7 +11,11 @@
 //   init, writer              Tmp        -> CairnWriter on shared files, a WriterSentry
 //   init, reader, shadow or keyshadow
 //                             Tmp        -> CairnDummy, a ReaderSentry
-//   attach (the sentry's)     CairnDummy -> the backend makeAttachBackend makes
+//   attach (the sentry's)     CairnDummy -> the backend makeAttachBackend makes:
+//                                           a CairnReader, or a CairnShadow
+//   attach, shadow modes      CairnShadow -> the same shadow, initialised again
+//                                           (it waited for its flush or lost
+//                                           its writer)
 //   detach                    any        -> CairnDummy, or CairnStrictDummy for an
 //                                           orphan that asked for it, owning the old
 //                                           backend; but a shadow whose flush is
@@ -57,6 +61,7 @@
 #include "Cairn/CairnInterface.h"
 #include "Cairn/CairnMapBase.h"
 #include "Cairn/CairnReader.h"
+#include "Cairn/CairnShadow.h"
 #include "Cairn/CairnStrictDummy.h"
 #include "Cairn/CairnWriter.h"
 #include "Cairn/Sentry.h"
@@ -206,7 +211,7 @@ class CairnMap : public CairnMapBase, public Arena::Notify<K, V> {
     }
   }
 
-  void installDummy() {
+  void installDummy() override {
     Interface * previous = backend_;
     if (orphanAssert_) {
       install(new StrictDummy(*handler_, path_, ops_, previous, false, OrphanMessage));
@@ -244,7 +249,15 @@ class CairnMap : public CairnMapBase, public Arena::Notify<K, V> {
   void attach(const std::string & name) override {
     BASALT_ASSERT(descriptor_.mode != CairnType::writer, SourceName, "CairnMap::attach() invoked for a writer");
     Interface * old = backend_;
-    Interface * fresh = makeAttachBackend();
+    Interface * fresh;
+    if (isShadowMode() && old != nullptr && old->type() == CairnType::shadow) {
+      // A shadow that waited for its flush, or lost its writer, stays and is
+      // initialised again; a spare dummy stands in as the old backend.
+      fresh = old;
+      old = new Dummy(*handler_, path_, ops_, nullptr, false);
+    } else {
+      fresh = makeAttachBackend();
+    }
     if (fresh == nullptr) {
       BASALT_TRACE(*handler_, 1, "CairnMap::attach() no backend for {} as {}", rootPathText(), modeStr());
       return;
@@ -460,13 +473,27 @@ class CairnMap : public CairnMapBase, public Arena::Notify<K, V> {
   }
 
   // The backend that attach installs for this map's mode, not yet
-  // initialised: a CairnReader on the table's files in reader mode; null
-  // when none is to be made (the shadow modes make theirs elsewhere).
+  // initialised: a CairnReader on the table's files in reader mode, a
+  // CairnShadow in the shadow modes.
   virtual Interface * makeAttachBackend() {
     if (descriptor_.mode == CairnType::reader) {
       return new CairnReader<K, V, Ops>(*handler_, path(), ops(), nullptr);
     }
+    if (isShadowMode()) {
+      return new CairnShadow<K, V, Ops>(*handler_, path(), ops(), shadowFlags(), *this, *this);
+    }
     return nullptr;
+  }
+
+  bool isShadowMode() const {
+    return descriptor_.mode == CairnType::shadow || descriptor_.mode == CairnType::keyshadow;
+  }
+
+  // Bit 0 a key shadow, bits 1 and 2 the descriptor's shadow options.
+  unsigned shadowFlags() const {
+    return (descriptor_.mode == CairnType::keyshadow ? CairnShadowBase::KeyShadowFlag : 0u) |
+           (descriptor_.shadowOptionBit1 ? CairnShadowBase::CompareNotificationsFlag : 0u) |
+           (descriptor_.shadowOptionBit2 ? CairnShadowBase::NotifyOnFlushFlag : 0u);
   }
 
  private:
