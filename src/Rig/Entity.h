@@ -20,8 +20,9 @@ namespace Rig {
 
 class Entity : public PtrInterface {
  public:
-  // The record of the base of every entity type.
-  static inline const RigType _rigType{"Rig::Entity", nullptr};
+  // The record of the base of every entity type, with the attributes every
+  // entity has (Rig/GenericIf.h).
+  static const RigType _rigType;
 
   explicit Entity(Name name) : name_(std::move(name)) {}
 

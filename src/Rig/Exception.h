@@ -16,3 +16,19 @@ class ParseException : public Basalt::Exception {
 };
 
 }  // namespace Rig
+
+namespace Rig {
+
+// A value used as a type it is not: a hash asked of an unhashable type, a
+// pointer converted to a type that is not its own nor a base. The message
+// names the types.
+class TypeException : public Basalt::Exception {
+  using Basalt::Exception::Exception;
+};
+
+// A new entity asked with arguments its type does not take.
+class NewEntityArgsException : public Basalt::InvalidArgumentException {
+  using Basalt::InvalidArgumentException::InvalidArgumentException;
+};
+
+}  // namespace Rig

@@ -31,15 +31,20 @@
 #include <type_traits>
 
 #include "Rig/Hash.h"
+#include "Rig/RigType.h"
 #include "Rig/ValueText.h"
 
 namespace Rig::Record {
 
+// One field of a record: its name, its attribute id and its member. A
+// read-only field can be read by attribute but not written (an entry's key,
+// set when the entry is made).
 template <typename Owner, typename T>
 struct Field {
   std::string_view name;
   unsigned attributeId;
   T Owner::*member;
+  bool readOnly = false;
 };
 
 template <typename T>
@@ -174,11 +179,14 @@ uint32_t hash(const T & value, uint32_t seed) {
 }  // namespace Rig::Record
 
 // Declares, inside record class T, the operations every record has: the text
-// constructor, equality and operator! (equal to a default-constructed T).
+// constructor, equality and operator! (equal to a default-constructed T),
+// and its type record for reflection (Rig/GenericIf.h), which the library
+// that registers T defines.
 #define RIG_RECORD_DECLARE(T)                               \
   friend struct ::Rig::Record::Layout<T>;                   \
                                                             \
  public:                                                   \
+  static const ::Rig::RigType _rigType;                     \
   T(::Rig::Cursor & cursor, ::Rig::Cursor end);             \
   bool operator==(const T & other) const;                   \
   bool operator!() const
@@ -210,6 +218,7 @@ uint32_t hash(const T & value, uint32_t seed) {
   const type & name() const { return name##_; }        \
   void name##Is(const type & value) { name##_ = value; }
 #define RIG_FIELD_DESCRIPTOR(type, name, id, offset) ::Rig::Record::Field{#name, id, &Self::name##_},
+#define RIG_READ_ONLY_FIELD_DESCRIPTOR(type, name, id, offset) ::Rig::Record::Field{#name, id, &Self::name##_, true},
 #define RIG_FIELD_OFFSET_CHECK(type, name, id, offset) \
   static_assert(offsetof(Self, name##_) == (offset), "'" #name "' lies at byte " #offset " of the record");
 

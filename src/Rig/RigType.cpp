@@ -16,6 +16,24 @@ bool RigType::isDerived(const RigType * other) const {
   return false;
 }
 
+const RigAttribute * RigType::attribute(uint32_t id) const {
+  for (uint32_t index = 0; index < attributeCount; ++index) {
+    if (attributes[index].id == id) {
+      return &attributes[index];
+    }
+  }
+  return nullptr;
+}
+
+const RigAttribute * RigType::attribute(std::string_view attributeName) const {
+  for (uint32_t index = 0; index < attributeCount; ++index) {
+    if (attributeName == attributes[index].name) {
+      return &attributes[index];
+    }
+  }
+  return nullptr;
+}
+
 std::string demangleStdString(const std::type_info & type) {
   int status = 0;
   const std::unique_ptr<char, decltype(&std::free)> demangled(
