@@ -3,6 +3,8 @@
 //   tessel demo   creates an L3Iif Config slot file under a temporary base
 //                 directory, fills it, re-attaches it as the next writer of the
 //                 same generation would, and prints the header and the entries.
+//   tessel types  lists every type the library registered, with its
+//                 attributes, from the runtime's registry alone.
 
 #include <unistd.h>
 
@@ -14,6 +16,7 @@
 
 #include "Cairn/Operations.h"
 #include "Cairn/SlotWriter.h"
+#include "Rig/TypeRegistry.h"
 #include "RigCairn/RigCairnMapValueWrapper.h"
 #include "TesselHwLib/L3IifTH3.h"
 
@@ -85,6 +88,13 @@ int demo() {
   return 0;
 }
 
+int types() {
+  for (const Rig::RigType * type : Rig::typeNodes()) {
+    fmt::print("{}", Rig::describe(*type));
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char ** argv) {
@@ -92,6 +102,9 @@ int main(int argc, char ** argv) {
   if (command == "demo") {
     return demo();
   }
-  fmt::print(stderr, "usage: tessel demo\n");
+  if (command == "types") {
+    return types();
+  }
+  fmt::print(stderr, "usage: tessel demo | tessel types\n");
   return 2;
 }

@@ -106,7 +106,8 @@ template <>
 struct Rig::Record::Layout<TesselHwLib::L3TunnelTH3KeyStatus> {
   using Self = TesselHwLib::L3TunnelTH3KeyStatus;
   static constexpr std::string_view typeName = "TesselHwLib::L3TunnelTH3KeyStatus";
-  static constexpr std::tuple fields{TESSEL_L3TUNNEL_KEY_STATUS_FIELDS(RIG_FIELD_DESCRIPTOR)};
+  // A verdict is made whole: its fields are read-only by attribute.
+  static constexpr std::tuple fields{TESSEL_L3TUNNEL_KEY_STATUS_FIELDS(RIG_READ_ONLY_FIELD_DESCRIPTOR)};
 };
 
 TESSEL_KEY_LAYOUT(L3TunnelTH3Key, TESSEL_L3TUNNEL_KEY_FIELDS, 176);

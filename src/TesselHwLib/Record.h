@@ -71,6 +71,7 @@ std::ostream & operator<<(std::ostream & stream, const T & value) {
 #define TESSEL_ENTRY_CLASS(Name, Base, Key, FIELDS, ...)  \
   class Name : public Base {                              \
    public:                                                \
+    using BaseType = Base;                                \
     using KeyType = Key;                                  \
     Name() = default;                                     \
     explicit Name(const Key & key) : key_(key) {}         \
@@ -93,7 +94,7 @@ std::ostream & operator<<(std::ostream & stream, const T & value) {
     using Self = TesselHwLib::Name;                                                           \
     static constexpr std::string_view typeName = "TesselHwLib::" #Name;                       \
     static constexpr auto fields =                                                            \
-        std::tuple_cat(Layout<Base>::fields, std::tuple{Field{"key", 130, &Self::key_}},     \
+        std::tuple_cat(Layout<Base>::fields, std::tuple{Field{"key", 130, &Self::key_, true}},     \
                        std::tuple{FIELDS(RIG_FIELD_DESCRIPTOR)});                             \
     static_assert(sizeof(Self) == (size), #Name " is " #size " bytes in slot files");         \
     static_assert(std::is_trivially_copyable_v<Self>,                                         \

@@ -22,12 +22,13 @@
 #include "TesselHwLib/MyStationTcamTH3.h"
 #include "TesselHwLib/P4RTable.h"
 
-// class Name, an instance of Design<Name, Arguments...> with its type record.
-#define TESSEL_TABLE_OBJECT(Name, Design, ...)                                      \
-  class Name final : public Design<Name, __VA_ARGS__> {                             \
-   public:                                                                          \
-    using Design<Name, __VA_ARGS__>::Design;                                        \
-    static inline const Rig::RigType _rigType{"TesselHwLib::" #Name, &Rig::Entity::_rigType}; \
+// class Name, an instance of Design<Name, Arguments...> with its type record
+// (defined with all the library's records, TesselHwLibTypesTH3Reflection.cpp).
+#define TESSEL_TABLE_OBJECT(Name, Design, ...)          \
+  class Name final : public Design<Name, __VA_ARGS__> { \
+   public:                                              \
+    using Design<Name, __VA_ARGS__>::Design;            \
+    static const Rig::RigType _rigType;                 \
   };
 
 namespace TesselHwLib {
