@@ -1,5 +1,6 @@
 #include "Arena/ArenaFilesWrapper.h"
 
+#include "Arena/Memory.h"
 #include "Basalt/Util.h"
 
 #include <fcntl.h>
@@ -84,6 +85,51 @@ void * ArenaFilesWrapper::resize(std::size_t size) {
   BASALT_TRACE(handler_, 5, "ArenaFilesWrapper::resize() {} to {} bytes, base {} -> {}", path_, size, old,
                mapped);
   return mapped;
+}
+
+// A hole punched into the file: the pages go back to the system, the length
+// stays, and a later read of the range (by a reader's older mapping) finds
+// zeros, never the end of the file.
+bool ArenaFilesWrapper::releaseTail(std::size_t keep) {
+  reason_.clear();
+  if (local_) {
+    return true;
+  }
+  // Unlike a failed attach or resize, a refusal leaves the mapping alone.
+  auto refuse = [&](std::string what) {
+    reason_ = std::move(what);
+    BASALT_TRACE(handler_, 1, "ArenaFilesWrapper::releaseTail() {}", reason_);
+    return false;
+  };
+  if (fd_ < 0 || mode_ != Mode::ReadWrite) {
+    return refuse(fmt::format("{} is not mapped for writing", path_));
+  }
+  struct stat status;
+  if (fstat(fd_, &status) != 0) {
+    return refuse(fmt::format("cannot stat {}: {}", path_, errorText()));
+  }
+  const auto length = static_cast<std::size_t>(status.st_size);
+  const std::size_t from = (keep + pageSize_ - 1) / pageSize_ * pageSize_;
+  if (from >= length) {
+    return true;
+  }
+  if (fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(from),
+                static_cast<off_t>(length - from)) != 0) {
+    return refuse(fmt::format("cannot release {} bytes of {} from byte {}: {}", length - from, path_, from,
+                              errorText()));
+  }
+  BASALT_TRACE(handler_, 5, "ArenaFilesWrapper::releaseTail() {} released {} bytes from byte {}", path_,
+               length - from, from);
+  return true;
+}
+
+std::size_t ArenaFilesWrapper::allocatedSize() const {
+  if (local_) {
+    return local_->memSize();
+  }
+  struct stat status;
+  int result = fd_ >= 0 ? fstat(fd_, &status) : stat(path_.c_str(), &status);
+  return result == 0 ? static_cast<std::size_t>(status.st_blocks) * 512 : 0;
 }
 
 void ArenaFilesWrapper::detach() {

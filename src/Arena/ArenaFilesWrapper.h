@@ -21,6 +21,12 @@
 //                       since), of the file at the path while detached. A
 //                       reader that must know whether the file holds what its
 //                       header announces asks this, not memSize().
+//   releaseTail(keep)   gives the memory behind the file's bytes from `keep`
+//                       (rounded up to a page) to its end back to the system,
+//                       while the file keeps its length: a mapping of the old
+//                       length, in any process, stays readable and reads
+//                       zeros there. ReadWrite only. Private memory has
+//                       nothing to give back: its resize unmaps the tail.
 //   remove()            unlinks the file, detaching first if it is mapped (the
 //                       writer's cleanup alone calls it). True when no file is
 //                       left at the path, an absent file included.
@@ -79,6 +85,12 @@ class ArenaFilesWrapper {
 
   void * attach(std::size_t size, Mode mode = Mode::ReadWrite);
   void * resize(std::size_t size);
+  // False when the file system refuses (reason() says why, and level 1
+  // traces it): the file is then as it was, with its memory still held.
+  bool releaseTail(std::size_t keep);
+  // The bytes of memory or disk the file holds now, which holes don't count
+  // in; memSize() for private memory.
+  std::size_t allocatedSize() const;
   void detach();
   bool remove();
   bool dumpToCoreIs(bool dump);

@@ -17,12 +17,16 @@
 //     by the changed flags and link versions to start over.
 //  4. A notification always comes after the change it reports; it carries
 //     only the slot index.
+//  5. A shrink moves each entry above the new end into a free slot below it,
+//     whole before it is linked, and lowers numSlots only once every entry
+//     has moved (doMaybeShrinkSlots, moveDown).
 // The runtimeFlags bit WriteInProgress is set while an operation changes the
 // file and stays set when one leaves by an exception: a mark of a writer that
 // stopped inside a change.
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 
@@ -153,9 +157,11 @@ class CairnWriter : public CairnInterface<Key, Value>,
     Arena::Atomics::publish32(slot->flags, slot->flags & ~OCCUPIED);
     pushFree(slot, index);
     ++counters_.slotsRemoved;
+    const uint32_t threshold = shrinkArgument();
     ripple_.notify(index);
     BASALT_TRACE(debugHandler(), 9, "CairnWriter::remove() {} bucket:{} slot:{}",
                  KeyOperations::toString(key), bucket, index);
+    doMaybeShrinkSlots(threshold);  // may move the mapping: slot and prev are stale from here
     map_.maybeShrinkBuckets();
     writeInProgressIs(false);
     return true;
@@ -278,7 +284,53 @@ class CairnWriter : public CairnInterface<Key, Value>,
     return !readerName.empty() && ripple_.clientQuiesced(readerName);
   }
   void handleQuiesced(bool quiesced) override { quiesced_(quiesced); }
-  void shrink() override {}
+  // Looks at the table afresh: the queue calls it when it released a shrink's
+  // corral, as a shrink asked for meanwhile was ignored.
+  void shrink() override {
+    if (directSlot_ != NoDirectSlot || directNew_) {
+      return;  // an open direct operation holds a slot; the next remove asks again
+    }
+    doMaybeShrinkSlots(shrinkArgument());
+  }
+
+  // Gives the top of the slot file back when the table has emptied to below
+  // half of `shrinkThreshold` (0: nothing to do). Every entry above the new
+  // end moves to a free slot below it while readers walk the chains; see
+  // moveDown() for the order of stores that keeps them safe. Ignored while
+  // the queue still works through an earlier shrink (its corral is open).
+  void doMaybeShrinkSlots(uint32_t shrinkThreshold) {
+    if (shrinkThreshold == 0) {
+      return;
+    }
+    if (ripple_.corralStart() != 0) {
+      BASALT_TRACE(debugHandler(), 5,
+                   "CairnWriter::doMaybeShrinkSlots() shrink started, ignoring shrinkThreshold:{}", shrinkThreshold);
+      return;
+    }
+    const uint32_t target = shrinkTarget();
+    BASALT_TRACE(debugHandler(), 5, "CairnWriter::doMaybeShrinkSlots() threshold:{} shrinkThreshold:{}{}", target,
+                 shrinkThreshold, shrinkThreshold > target ? " SUPER SHRINK!" : "");
+    // From here the free list holds only slots below the target: one for
+    // every entry above it, as the target is more than twice the entries.
+    slots_.purgeFreeSlots(target);
+    ripple_.markShrinkStart();
+    const uint32_t oldSlots = slots_.capacity();
+    uint64_t moves = 0;
+    for (uint32_t from = target; from < oldSlots; ++from) {
+      if (!(slots_.slots()[from]->flags & OCCUPIED)) {
+        BASALT_TRACE(debugHandler(), 9, "CairnWriter::doMaybeShrinkSlots skipping not occupied slot:{}", from);
+        continue;
+      }
+      moveDown(from);
+      ++moves;
+    }
+    ripple_.markShrinkEnd();
+    // The moved entries' old places lie beyond the new count: neither the
+    // free list nor occupiedSlots counts them.
+    slots_.shrink(target);
+    BASALT_TRACE(debugHandler(), 5, "CairnWriter::doMaybeShrinkSlots() at threshold:{} done", target);
+    counters_.slotMoves += moves;
+  }
 
   Writer::Counters writerCounters() const override {
     Writer::Counters counters = counters_;
@@ -590,6 +642,72 @@ class CairnWriter : public CairnInterface<Key, Value>,
     }
     rebase();
     return slots_.slots()[index];
+  }
+
+  // The argument of a shrink, as remove and the queue ask for one:
+  // shrinkThreshold_ once the table holds fewer entries than half of it.
+  uint32_t shrinkArgument() const {
+    const uint32_t threshold = slots_.shrinkThresholdValue();
+    return slots_.header()->occupiedSlots < threshold / 2 ? threshold : 0;
+  }
+
+  // The slot count a shrink goes down to: four times the largest power of
+  // two not above the entries (0 for none), and never below minSlots.
+  uint32_t shrinkTarget() const {
+    const uint32_t occupied = slots_.header()->occupiedSlots;
+    uint32_t base = 0;
+    if (occupied != 0) {
+      base = 1;
+      while (base <= occupied / 2) {
+        base *= 2;
+      }
+      base *= 4;
+    }
+    return std::max(base, slots_.minSlots());
+  }
+
+  // Moves the entry of slot `from` down into the free list's head, `to`,
+  // while readers may stand anywhere on its chain. The entry is in both
+  // slots from the copy until `from` is cleared, and the chain never loses it:
+  //  1. `to` is made whole (value, rhash, OCCUPIED, from's successor) while
+  //     nothing links to it (SlotWriterTable::move).
+  //  2. One store of the link that led to `from` swings the chain to `to`; a
+  //     reader past it goes on through `from` to the same successor.
+  //  3. `to` is notified before `from`, so a consumer of the queue meets the
+  //     entry at its new place before the old place goes.
+  //  4. `from` loses OCCUPIED: a reader copying it fails its flags comparison.
+  //  5. `from`'s link is stored again, same successor, version + 4. A reader
+  //     that came to `from` through the old link and walks on from it checks
+  //     that link's version at its next step; the moves of the slots behind
+  //     it don't touch that link, so without this store a reader that had
+  //     entered a run of moved slots could meet one of them unoccupied under
+  //     a link at rest, and take that for a damaged chain.
+  void moveDown(uint32_t from) {
+    const Slot * slot = slots_.slots()[from];
+    slots_.anchorOn(slot, slot->flags);
+    const Key & key = KeyOperations::key(slot->value);
+    const uint32_t hash = KeyOperations::hash(key);
+    SlotLink * prev = nullptr;
+    SlotLink * curr;
+    const bool found = map_.find(key, map_.bucketOf(hash), &prev, &curr, hash);
+    BASALT_ASSERT(found, "Cairn/CairnWriter",
+                  fmt::format("CairnWriter::doMaybeShrinkSlots() fromSlot:{} key not found", from));
+    BASALT_ASSERT(prev != nullptr, "Cairn/CairnWriter",
+                  fmt::format("CairnWriter::doMaybeShrinkSlots() fromSlot:{} not referenced", from));
+    const uint32_t to = slots_.move(from);
+    BASALT_TRACE(debugHandler(), 9, "CairnWriter::doMaybeShrinkSlots() moving fromSlot:{} toSlot:{}", from, to);
+    // Publishes the move (guard word: prev's link version): the chain now runs through `to`.
+    prev->storeNext(to);
+    ripple_.notify(to);
+    if (ripple_.tombstone(from) && counters_.pendingNotifications != 0) {
+      --counters_.pendingNotifications;
+    }
+    Slot * old = slots_.slots()[from];
+    // Retires `from` (guard word: its flags): OCCUPIED clear, version unchanged.
+    Arena::Atomics::publish32(old->flags, old->flags & ~OCCUPIED);
+    // Tells a reader that walks on from `from` that it left the chain (guard word: from's link version).
+    old->link.storeNext(old->link.value());
+    ripple_.notify(from);
   }
 
   // Puts a removed slot at the head of the free list.

@@ -10,6 +10,12 @@
 // grow() publishes in this order: new slots formatted and threaded first, then
 // numSlots, then freeSlots; so a reader that sees the new count finds the new
 // slots formatted, and a slot is never handed out before its count is visible.
+// shrink() is the reverse: the entries above the new count have been moved
+// below it (move()) and their old slots marked unoccupied before the smaller
+// numSlots is published; only then does the writer's mapping shrink. The file
+// keeps its length, so a reader's older, larger mapping stays readable until
+// it follows the count down; the tail's memory goes back to the system as a
+// hole, which reads as zeros.
 //
 // Between attach() and detach(), numSlots_, slots_ and shrinkThreshold_ mirror
 // the header, except inside grow() and a shrink.
@@ -187,6 +193,62 @@ class SlotWriterTable : public SlotTable<Value> {
     return true;
   }
 
+  // Copies the entry of `fromSlotId` into the slot at the head of the free
+  // list, which lies below it, and returns that slot's index. The copy is
+  // whole before anything links to it: rhash, value, OCCUPIED, and the same
+  // successor as `fromSlotId`. `fromSlotId` itself is left untouched, still
+  // occupied and linked onward for a reader that stands on it; linking the
+  // copy in and retiring the original are the caller's.
+  uint32_t move(uint32_t fromSlotId) {
+    Header & header = *this->header_;
+    const uint32_t toSlotId = Arena::Atomics::observe32(header.freeSlots);
+    BASALT_ASSERT(fromSlotId > toSlotId, "Cairn/SlotWriter",
+                  fmt::format("SlotWriter::move() should always move entries to lower section fromSlotId:{} "
+                              "toSlotId:{}",
+                              fromSlotId, toSlotId));
+    BASALT_ASSERT(toSlotId != NoFreeSlot, "Cairn/SlotWriter",
+                  fmt::format("SlotWriter::move() not valid toSlotId:{}", toSlotId));
+    Slot * from = slots_[fromSlotId];
+    Slot * to = slots_[toSlotId];
+    // `to` is on no chain: no link leads a reader to it until the caller's.
+    Arena::Atomics::publish32(to->rhash, from->rhash);
+    Arena::Atomics::publish32(header.freeSlots, to->link.value());
+    Value value;
+    Marshalling::fromSlot(value, &from->value);
+    Marshalling::toSlot(&to->value, value);
+    const uint32_t flags = to->flags;
+    // Marks `to` occupied in one store, behind its whole value: a reader that
+    // copied the value while it changed sees the flags it began with, which
+    // say unoccupied, and hands nothing out.
+    Arena::Atomics::publish32(to->flags, (flags & OCCUPIED) ? flags + FlagsVersionStep : (flags + FlagsVersionStep) | OCCUPIED);
+    // Gives `to` the successor of `from`: the copy is complete and linked onward.
+    to->link.storeNext(from->link.value());
+    BASALT_TRACE(this->debugHandler(), 7, "SlotWriter::move() fromSlotId:{} toSlotId:{}", fromSlotId, toSlotId);
+    return toSlotId;
+  }
+
+  // Gives back the slots at and above `newSlots`. They hold no entry and lie
+  // on no list: every entry there has been moved below, every old place
+  // marked unoccupied, and the free list purged of them.
+  void shrink(uint32_t newSlots) {
+    BASALT_TRACE(this->debugHandler(), 5, "SlotWriter::shrink() newNumSlots:{}", newSlots);
+    Header & header = *this->header_;
+    const Arena::VerU32 before = header.numSlots.load();
+    // Publishes the smaller count (guard word: numSlots, whose version a
+    // reader compares): no link below the new count leads above it any more.
+    header.numSlots.store(before.version + 1, newSlots);
+    resize(newSlots);
+    // Only once the count is out: a reader that hasn't followed it yet reads
+    // zeros in the tail, which its flags and link checks refuse.
+    this->wrapper_.releaseTail(bytesFor(newSlots));
+    numSlots_ = newSlots;
+    slots_ = Slots{slotAddress(0), newSlots - 1};
+    shrinkThreshold();
+    ++counters_->slotShrinks;
+    BASALT_TRACE(this->debugHandler(), 2, "SlotWriter::shrink() {} from {} slots to {}", this->rootPath_.toString(),
+                 before.toString(), this->header_->numSlots.load().toString());
+  }
+
   // Changes the file and the mapping only; the header's count and this
   // object's copies are the caller's to update.
   void resize(uint32_t newSlots) {
@@ -210,6 +272,7 @@ class SlotWriterTable : public SlotTable<Value> {
                    static_cast<const void *>(this->header_));
       ++counters_->slotRemaps;
     }
+    followMapping();
     BASALT_TRACE(this->debugHandler(), 5, "SlotWriter::resize() to {} successfully", newSlots);
   }
 
@@ -303,6 +366,21 @@ class SlotWriterTable : public SlotTable<Value> {
  private:
   std::size_t bytesFor(uint32_t slots) const {
     return SlotHeaderSize + Arena::multiplyOverflowCheck(slots, slotSize);
+  }
+
+  // Keeps the version anchor on its word across a remap, or invalidates it
+  // when a shrink took its word out of the mapping: validating it then
+  // reports a change, and never reads memory that is gone.
+  void followMapping() const {
+    Arena::VersionAnchor & anchor = this->versionAnchor_;
+    if (anchor.empty() || anchor.offset == Arena::VersionAnchor::invalidOffset) {
+      return;
+    }
+    if (anchor.offset + sizeof(uint32_t) <= this->wrapper_.memSize()) {
+      anchor.base = reinterpret_cast<uint64_t>(this->header_);
+    } else {
+      anchor.invalidate();
+    }
   }
 
   Slot * slotAddress(uint32_t index) const {
