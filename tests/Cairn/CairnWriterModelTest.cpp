@@ -1,13 +1,15 @@
 // Property test: long random sequences of writer operations against a
-// std::map model, with the slot file growing and the bucket table doubling
-// and halving on the way. After each operation the touched key and members()
-// must agree with the model; every 1,000 operations a full walk must give
-// exactly the model's keys in split order and the validator must pass the
-// whole table with its queue; a walk started from a random key must resume at
-// the right successor.
+// std::map model, with the slot file growing and shrinking (its entries moving
+// down) and the bucket table doubling and halving on the way. After each
+// operation the touched key and members() must agree with the model; after
+// each shrink of the slot file, and every 1,000 operations, a full walk must
+// give exactly the model's keys in split order and the validator must pass
+// the whole table with its queue; a walk started from a random key must
+// resume at the right successor.
 //
 // TESSEL_MODEL_OPS sets the number of operations per table (default 1,000,000).
 
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -67,6 +69,7 @@ class ModelRun {
   static Cairn::MapDescriptor descriptor() {
     auto descriptor = sharedDescriptor(512);
     descriptor.shrinkBuckets = true;
+    descriptor.shrinkSlots = true;
     return descriptor;
   }
 
@@ -95,6 +98,12 @@ class ModelRun {
       }
       checkKey(number);
       ASSERT_EQ(writer().members(), model.size()) << "op " << op;
+      const uint64_t shrunk = writer().writerCounters().slotShrinks;
+      if (shrunk != shrinks) {
+        shrinks = shrunk;
+        walkAll();
+        ASSERT_TRUE(writer().validate()) << "op " << op << " after shrink " << shrinks;
+      }
       if (op % 1000 == 999) {
         walkAll();
         // The validator proves the queue's rule too: each slot has at most one
@@ -115,6 +124,7 @@ class ModelRun {
   uint64_t version = 0;
   uint32_t mostBuckets = 0;
   uint32_t halvings = 0;
+  uint64_t shrinks = 0;
 
  private:
   Pair pairOf(uint64_t number) const {
@@ -221,6 +231,9 @@ TEST(CairnWriterModel, L3IifConfigTableAgainstAStdMap) {
   run.run(operationCount(), 1);
   EXPECT_GE(run.mostBuckets, 1024u);
   EXPECT_GT(run.halvings, 0u);
+  EXPECT_GT(run.shrinks, 0u);
+  std::printf("slot shrinks %llu, slot moves %llu\n", static_cast<unsigned long long>(run.shrinks),
+              static_cast<unsigned long long>(run.writer().writerCounters().slotMoves));
   RecordProperty("operations", std::to_string(operationCount()));
 }
 
@@ -229,4 +242,5 @@ TEST(CairnWriterModel, TunnelSizedTableAgainstAStdMap) {
   run.run(operationCount(), 2);
   EXPECT_GE(run.mostBuckets, 1024u);
   EXPECT_GT(run.halvings, 0u);
+  EXPECT_GT(run.shrinks, 0u);
 }
