@@ -219,7 +219,14 @@ bool CairnShadowBase::applyEntries(uint64_t generation) {
   uint32_t count = 0;
   while (rippleReader.nextEntry(entry)) {
     // False passes the entry over: its change comes with a later entry (see the header).
-    doSlot(entry.slot, entry.sequence(), compare);
+    // True applies the entry even where the shadow had nothing to do and
+    // recorded nothing (a slot free in the table and in the copy, or past the
+    // table's end): were its sequence left unrecorded, a last entry of that
+    // kind would keep quiesced() false until the writer's next change.
+    const bool applied = doSlot(entry.slot, entry.sequence(), compare);
+    if (applied && generation == generation_ && counters_.sequence < entry.sequence()) {
+      counters_.sequence = entry.sequence();
+    }
     if (generation != generation_ || !notifying_) {
       return false;
     }

@@ -18,8 +18,9 @@
 //                                    or Syncer::NoSequence in a walk. False
 //                                    only if the entry turned out stale
 //                                    (RippleReader::validateNotif false). It
-//                                    records a live sequence it applied in
-//                                    counters().sequence.
+//                                    may record a live sequence it applied in
+//                                    counters().sequence; after a true result
+//                                    the base records it in any case.
 //   doFlushSlot(slot)                take one slot out of the copy
 //   syncComplete(), flushComplete()  a walk ended (called by the Syncer)
 //   handleQuiesced(bool)             the shadow caught up with the writer, or
