@@ -83,11 +83,18 @@ class ShadowHashMap : public Basalt::Debuggable {
   // kind says).
   bool write(unsigned int slotIndex, Slot & slot, bool changed) {
     const K & key = slot.slotKey();
-    slot.rhash = KeyOperations::rhash(key);
-    Slot ** cell = &buckets_[bucketOf(slot.rhash)];
     ++counters_->shadowWrites;
     BASALT_TRACE(debugHandler(), 8, "ShadowHashMap::write() slotIndex:{} key:{}", slotIndex,
                  KeyOperations::toString(key));
+    if (slot.prev != nullptr) {
+      // In the map under this same key (invariant 4 and the caller's word):
+      // its rhash and its place in the chain stand, so neither the key's
+      // hash nor a walk of the chain is needed.
+      BASALT_TRACE(debugHandler(), 8, "ShadowHashMap::write() no index update needed");
+      return changed;
+    }
+    slot.rhash = KeyOperations::rhash(key);
+    Slot ** cell = &buckets_[bucketOf(slot.rhash)];
     if (*cell == nullptr) {
       linkBefore(slot, cell, nullptr);
       BASALT_TRACE(debugHandler(), 8, "ShadowHashMap::write() value inserted in fresh bucket");
