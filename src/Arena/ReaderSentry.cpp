@@ -78,6 +78,13 @@ void ReaderSentry::look(std::string reason, bool forced) {
   act(view, reason);
   if (*alive) {
     record_ = view;  // a detach inside act purged it
+    if (view.state == TableState::Ready && notifiee_.disconnectedActiveReader()) {
+      // Attached but not connected: the writer the files name had gone, its
+      // process not yet reaped, or the next one was not listening yet. That
+      // writer may keep the generation, and so the view: the next change of
+      // the files is looked at afresh.
+      record_.reset();
+    }
   }
 }
 

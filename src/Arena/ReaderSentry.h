@@ -26,6 +26,10 @@
 //     one the sentry last acted on (its record), so that what the notifiee
 //     itself writes beside the table (a corruption marker after a failed
 //     attach) can't make the sentry try again and again. A poke always acts.
+//     A notifiee left a disconnected active reader by a look on a Ready
+//     table keeps no record: a writer that restarts on the same generation
+//     changes nothing in the view, and its socket is what the notifiee
+//     still needs.
 //  2. While attached() is false the sentry calls nothing on its notifiee.
 //  3. Every call to the notifiee is made on the loop's thread, from a look.
 //     The notifiee may destroy the sentry inside attach or detach.

@@ -226,3 +226,25 @@ TEST_F(ReaderSentryTest, NotifieeOfALocalTableIsAnAssertion) {
 }
 
 }  // namespace
+
+// The writer's socket closed, but its process still answered when the
+// shadow's disconnect made the sentry look: the attach could not connect.
+// The next writer keeps the generation, so the view stays the same, and
+// only a look at its files can bring the shadow to its socket.
+TEST_F(ReaderSentryTest, AShadowAttachedButNotConnectedIsAttachedAgainAtTheNextChangeOfTheFiles) {
+  table.formatted(0x10001);
+  auto sentry = makeSentry();
+  reader.disconnected = true;
+  sentry->poke("disconnect");
+  EXPECT_EQ(reader.calls, (std::vector<std::string>{"attach:disconnect"}));
+  reader.onAttach = [&] { reader.disconnected = false; };  // this time it connects
+  table.ownedBy(getpid());  // a writer restarts on the same files
+  ASSERT_TRUE(runUntil([&] { return reader.calls.size() == 2; }));
+  EXPECT_EQ(reader.calls.back(), "attach:inotify");
+  // Connected: later changes that don't move the table attach nothing.
+  TestSupport::TraceCapture traces;
+  table.handler.maskIs(0x21);
+  table.ownedBy(getpid());
+  ASSERT_TRUE(runUntil([&] { return sawUnchangedLook(traces); }));
+  EXPECT_EQ(reader.calls.size(), 2u);
+}
