@@ -534,9 +534,9 @@ class CairnWriter : public CairnInterface<Key, Value>,
   const Ripple::RippleWriter & ripple() const { return ripple_; }
 
  protected:
-  // Called right before the store that publishes a new entry in `slot`; the
-  // slot is complete at this point. A seam for tests that inspect the file
-  // between the two.
+  // Called right before the store that publishes a new entry in `slot`, or
+  // the new place of an entry that a shrink moves; the slot is complete at
+  // this point. A seam for tests that inspect the file between the two.
   virtual void beforePublish(uint32_t /*slot*/) {}
 
  private:
@@ -696,6 +696,7 @@ class CairnWriter : public CairnInterface<Key, Value>,
                   fmt::format("CairnWriter::doMaybeShrinkSlots() fromSlot:{} not referenced", from));
     const uint32_t to = slots_.move(from);
     BASALT_TRACE(debugHandler(), 9, "CairnWriter::doMaybeShrinkSlots() moving fromSlot:{} toSlot:{}", from, to);
+    beforePublish(to);
     // Publishes the move (guard word: prev's link version): the chain now runs through `to`.
     prev->storeNext(to);
     ripple_.notify(to);

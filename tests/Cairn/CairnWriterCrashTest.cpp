@@ -110,13 +110,14 @@ class ChildGuard {
 };
 
 // A child's writer on the table `name`, with a handler of its own.
+template <typename W = Writer>
 struct ChildWriter {
   ChildWriter(const std::string & name, const Cairn::MapDescriptor & descriptor)
       : writer(handler, name, descriptor, OpsFor<Value>(), "TestClass", [](bool) {}) {
     writer.initialize(name);
   }
   Basalt::Platform::DebugHandler handler{"child-writer"};
-  Writer writer;
+  W writer;
 };
 
 // Runs `body` in a child process, which never comes back into the test: it
@@ -160,7 +161,7 @@ TEST(CairnWriterMultiProcess, OneWriterPerTableUntilItDies) {
   Pipe hello;
   const pid_t child = forkChild([&] {
     hello.closeReading();
-    ChildWriter owner(table.name, table.descriptor);
+    ChildWriter<> owner(table.name, table.descriptor);
     for (uint64_t number = 0; number < 50; ++number) {
       owner.writer.write(Value(number, number), true);
     }
@@ -229,26 +230,50 @@ int rounds() {
 }
 constexpr uint32_t MostOperationsBeforeTheKill = 600;
 
-Cairn::MapDescriptor crashDescriptor() {
+Cairn::MapDescriptor crashDescriptor(bool shrinkSlots = false) {
   auto descriptor = sharedDescriptor(1000);
   descriptor.shrinkBuckets = true;
+  descriptor.shrinkSlots = shrinkSlots;
   return descriptor;
+}
+
+constexpr uint64_t GiveUpAfter = 1000000;
+
+// The key of the table's first entry, if it has one.
+template <typename W>
+bool firstKey(W & writer, uint64_t & key) {
+  Value value;
+  Cairn::IterHint hint;
+  if (!writer.first(value, hint)) {
+    return false;
+  }
+  key = value.key.number;
+  return true;
 }
 
 // The child's work, until it is killed: random operations of every kind on
 // KeyCount keys, in phases that fill the table and drain it again, so that
-// the slot file grows and the bucket table doubles and halves.
-[[noreturn]] void workUntilKilled(const std::string & name, uint64_t round, Pipe & reports) {
-  ChildWriter child(name, crashDescriptor());
-  Writer & writer = child.writer;
+// the slot file grows (and shrinks, if the descriptor lets it) and the
+// bucket table doubles and halves.
+template <typename W = Writer>
+[[noreturn]] void workUntilKilled(const std::string & name, const Cairn::MapDescriptor & descriptor, uint64_t round,
+                                  Pipe & reports) {
+  ChildWriter<W> child(name, descriptor);
+  W & writer = child.writer;
   std::mt19937_64 random(round + 1);
   for (uint64_t op = 0;; ++op) {
-    const uint64_t key = random() % KeyCount;
+    if (op == GiveUpAfter) {
+      _exit(5);  // never killed: the test waits for nothing longer
+    }
+    uint64_t key = random() % KeyCount;
     const uint64_t version = round * 1000000 + op + 1;
     const bool draining = (op / 250) % 2 == 1;
     const uint64_t choice = random() % 100;
+    // A table that may shrink drains to empty: every operation removes its
+    // first entry, so that shrinks run all the way down in each phase.
+    const bool emptying = draining && descriptor.shrinkSlots && firstKey(writer, key);
     Operation operation;
-    if (choice < (draining ? 60u : 15u)) {
+    if (emptying || choice < (draining ? 60u : 15u)) {
       operation = Operation::Remove;
     } else if (choice < 70) {
       operation = Operation::Write;
@@ -358,21 +383,55 @@ Model verifyKept(Writer & writer, const Reported & reported) {
 
 }  // namespace
 
-TEST(CairnWriterMultiProcess, WritersKilledAtRandomMomentsLeaveFilesTheNextWriterKeepsOrFormats) {
-  TableHarness<Value> table(crashDescriptor(), "test/crash");
-  std::mt19937 random(20240601);
-  Model model;
-  const int count = rounds();
+namespace {
+
+struct Outcomes {
   int kept = 0;
   int reformatted = 0;
   int inFlight = 0;  // kills that landed inside an operation
-  for (int round = 0; round < count; ++round) {
+};
+
+// The next writer on the table after a child's death: it keeps every entry
+// the child reported done (and the one in flight in one of its two states),
+// or it formats the table afresh. `model` becomes what the table holds.
+void restartAfter(TableHarness<Value> & table, const Reported & reported, int round, Model & model,
+                  Outcomes & outcomes) {
+  outcomes.inFlight += reported.inFlight ? 1 : 0;
+  const ArenaFiles::EpochId before = ArenaFiles::EpochFile(table.handler, table.directory(), false).read();
+  Writer * writer = nullptr;
+  {
+    TestSupport::TraceCapture failures;  // a re-format says why at level 0; the outcome is checked below
+    ASSERT_NO_THROW(writer = &table.start()) << "round " << round;
+  }
+  if (writer->epochId() == before) {
+    ++outcomes.kept;
+    model = verifyKept(*writer, reported);
+  } else {
+    ++outcomes.reformatted;
+    EXPECT_EQ(writer->epochId(), before.reformatted()) << "round " << round;
+    EXPECT_EQ(writer->members(), 0u) << "round " << round;
+    model.clear();
+  }
+  EXPECT_TRUE(writer->validate()) << "round " << round;
+  ASSERT_FALSE(::testing::Test::HasFailure()) << "round " << round << " after " << reported.completed << " operations";
+  // This process gives the table up for the next round's child.
+  table.stop();
+  Arena::WriterLock::releaseWriterLock(table.handler, table.directory());
+}
+
+// Children killed by this process after a random number of operations,
+// wherever they are then, round after round on one table.
+Outcomes killAtRandomMoments(TableHarness<Value> & table, unsigned seed) {
+  std::mt19937 random(seed);
+  Model model;
+  Outcomes outcomes;
+  for (int round = 0; round < rounds(); ++round) {
     Pipe reports;
     const pid_t child = forkChild([&] {
       reports.closeReading();
-      workUntilKilled(table.name, static_cast<uint64_t>(round), reports);
+      workUntilKilled(table.name, table.descriptor, static_cast<uint64_t>(round), reports);
     });
-    ASSERT_GT(child, 0);
+    EXPECT_GT(child, 0);
     ChildGuard guard(child);
     reports.closeWriting();
 
@@ -382,37 +441,99 @@ TEST(CairnWriterMultiProcess, WritersKilledAtRandomMomentsLeaveFilesTheNextWrite
     Reported reported{model, std::nullopt, 0};
     while (reported.completed < killAfter) {
       const std::optional<Report> report = reports.receive<Report>();
-      ASSERT_TRUE(report.has_value()) << "round " << round << ": the child stopped by itself";
+      if (!report) {
+        ADD_FAILURE() << "round " << round << ": the child stopped by itself";
+        return outcomes;
+      }
       apply(reported, *report);
     }
     guard.kill();
     while (const std::optional<Report> report = reports.receive<Report>()) {
       apply(reported, *report);
     }
-    inFlight += reported.inFlight ? 1 : 0;
-
-    const ArenaFiles::EpochId before = ArenaFiles::EpochFile(table.handler, table.directory(), false).read();
-    Writer * writer = nullptr;
-    {
-      TestSupport::TraceCapture failures;  // a re-format says why at level 0; the outcome is checked below
-      ASSERT_NO_THROW(writer = &table.start()) << "round " << round;
+    restartAfter(table, reported, round, model, outcomes);
+    if (::testing::Test::HasFailure()) {
+      return outcomes;
     }
-    if (writer->epochId() == before) {
-      ++kept;
-      model = verifyKept(*writer, reported);
-    } else {
-      ++reformatted;
-      EXPECT_EQ(writer->epochId(), before.reformatted()) << "round " << round;
-      EXPECT_EQ(writer->members(), 0u) << "round " << round;
-      model.clear();
-    }
-    EXPECT_TRUE(writer->validate()) << "round " << round;
-    ASSERT_FALSE(HasFailure()) << "round " << round << " after " << reported.completed << " operations";
-    // This process gives the table up for the next round's child.
-    table.stop();
-    Arena::WriterLock::releaseWriterLock(table.handler, table.directory());
   }
-  std::cout << "[ CRASHES  ] " << count << " writers killed, " << inFlight << " inside an operation: " << kept
-            << " tables kept, " << reformatted << " re-formatted" << std::endl;
-  EXPECT_GT(kept, 0);
+  return outcomes;
+}
+
+}  // namespace
+
+TEST(CairnWriterMultiProcess, WritersKilledAtRandomMomentsLeaveFilesTheNextWriterKeepsOrFormats) {
+  TableHarness<Value> table(crashDescriptor(), "test/crash");
+  const Outcomes outcomes = killAtRandomMoments(table, 20240601);
+  std::cout << "[ CRASHES  ] " << rounds() << " writers killed, " << outcomes.inFlight
+            << " inside an operation: " << outcomes.kept << " tables kept, " << outcomes.reformatted
+            << " re-formatted" << std::endl;
+  EXPECT_GT(outcomes.kept, 0);
+}
+
+// The same with tables that shrink in their draining phases: some kills land
+// inside a shrink.
+TEST(CairnWriterMultiProcess, WritersOfShrinkingTablesKilledAtRandomMomentsLeaveFilesTheNextWriterKeepsOrFormats) {
+  TableHarness<Value> table(crashDescriptor(true), "test/crash-shrinking");
+  const Outcomes outcomes = killAtRandomMoments(table, 20240602);
+  std::cout << "[ CRASHES  ] " << rounds() << " writers of shrinking tables killed, " << outcomes.inFlight
+            << " inside an operation: " << outcomes.kept << " tables kept, " << outcomes.reformatted
+            << " re-formatted" << std::endl;
+  EXPECT_GT(outcomes.kept, 0);
+}
+
+namespace {
+
+// A writer that kills its own process in the middle of a shrink, after
+// `movesBeforeDeath` entries have moved: the next entry is then whole in its
+// new slot, and not yet linked there.
+class WriterDyingInAShrink : public Writer {
+ public:
+  using Writer::Writer;
+  static inline uint32_t movesBeforeDeath = 0;
+
+ protected:
+  void beforePublish(uint32_t) override {
+    if (ripple().corralStart() != 0 && moves_++ == movesBeforeDeath) {
+      raise(SIGKILL);
+    }
+  }
+
+ private:
+  uint32_t moves_ = 0;
+};
+
+}  // namespace
+
+// A writer killed with an entry half moved: the next writer keeps a table
+// that holds every finished operation, or formats it afresh; it never keeps
+// one that lost a finished operation.
+TEST(CairnWriterMultiProcess, AWriterKilledWithAnEntryHalfMovedLeavesATableKeptWholeOrFormatted) {
+  TableHarness<Value> table(crashDescriptor(true), "test/crash-in-shrink");
+  std::mt19937 random(20240603);
+  Model model;
+  Outcomes outcomes;
+  const int count = std::max(1, rounds() / 10);
+  for (int round = 0; round < count; ++round) {
+    WriterDyingInAShrink::movesBeforeDeath = random() % 40;
+    Pipe reports;
+    const pid_t child = forkChild([&] {
+      reports.closeReading();
+      workUntilKilled<WriterDyingInAShrink>(table.name, table.descriptor, static_cast<uint64_t>(round), reports);
+    });
+    ASSERT_GT(child, 0);
+    reports.closeWriting();
+    Reported reported{model, std::nullopt, 0};
+    while (const std::optional<Report> report = reports.receive<Report>()) {
+      apply(reported, *report);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "round " << round << " status " << status;
+    ASSERT_TRUE(reported.inFlight.has_value()) << "a shrink runs inside an operation";
+    EXPECT_EQ(reported.inFlight->operation, Operation::Remove) << "round " << round;
+    restartAfter(table, reported, round, model, outcomes);
+    ASSERT_FALSE(HasFailure()) << "round " << round;
+  }
+  std::cout << "[ CRASHES  ] " << count << " writers killed inside a shrink: " << outcomes.kept << " tables kept, "
+            << outcomes.reformatted << " re-formatted" << std::endl;
 }
