@@ -169,6 +169,7 @@ struct ValidateEntryKeyOperation {
   static constexpr const RigType * result() {
     return rigTypeOf<decltype(std::declval<const T &>().validateEntryKey())>();
   }
+  static constexpr bool takesArgument = false;
   template <typename T>
   static constexpr const RigArgument * arguments() {
     return nullptr;
@@ -188,6 +189,7 @@ struct HashOperation {
   static constexpr const RigType * result() {
     return rigTypeOf<uint32_t>();
   }
+  static constexpr bool takesArgument = false;
   template <typename T>
   static constexpr const RigArgument * arguments() {
     return nullptr;
@@ -206,6 +208,7 @@ struct KeyIsOperation {
   static constexpr const RigType * result() {
     return nullptr;
   }
+  static constexpr bool takesArgument = true;
   template <typename T>
   static constexpr const RigArgument * arguments() {
     return keyIsArguments<T>;
@@ -279,9 +282,12 @@ constexpr auto makeAttributes() {
   forEachFieldOf<T>([&](const auto & field) { attributes[index++] = fieldAttribute(field); });
   uint32_t id = lastFieldId<T>();
   forEachOperation<T>([&]<typename Op>() {
-    const RigArgument * arguments = Op::template arguments<T>();
-    attributes[index++] = {Op::name, rigTypeOf<T>(), Op::template result<T>(), nullptr, nullptr, arguments, ++id,
-                           arguments != nullptr ? AttributeFlags::operationWithArgument : AttributeFlags::operation};
+    // takesArgument, not a comparison of the argument table's address with
+    // null: the sanitizers' instrumentation keeps such a comparison from
+    // being a constant expression.
+    attributes[index++] = {Op::name, rigTypeOf<T>(), Op::template result<T>(), nullptr, nullptr,
+                           Op::template arguments<T>(), ++id,
+                           Op::takesArgument ? AttributeFlags::operationWithArgument : AttributeFlags::operation};
   });
   return attributes;
 }
