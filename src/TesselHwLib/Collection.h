@@ -65,7 +65,9 @@ class Collection : public Rig::Entity {
   using Key = typename Entry::KeyType;
   using Wrapper = RigCairn::ValueWrapperOf<Entry>;
   using Ops = Cairn::Ops<Key, Wrapper>;
-  using Table = RigCairn::RigCairnMap<Self, Wrapper, Key, Ops>;
+  // The map is bound to this generic part, which exists from the start of
+  // construction: binding it to Self would cast to a type not yet made.
+  using Table = RigCairn::RigCairnMap<Collection, Wrapper, Key, Ops>;
   using Control = RigCairn::CollectionControl;
 
   static constexpr uint32_t TableAttribute = 258;
@@ -90,7 +92,8 @@ class Collection : public Rig::Entity {
     notifieeList_.newMember(this, zeroReferencesNotifiee_);
     tableControl_ = Rig::make<Control>(table_);
     control_ = tableControl_.ptr();
-    table_.entity("table", self(), &Self::tableNotify, &Self::tableNotifyMountStatus, &Self::tableNotifyQuiesced);
+    table_.entity("table", this, &Collection::tableNotify, &Collection::tableNotifyMountStatus,
+                  &Collection::tableNotifyQuiesced);
   }
 
   ~Collection() override {
@@ -197,8 +200,6 @@ class Collection : public Rig::Entity {
   }
 
  private:
-  Self * self() { return static_cast<Self *>(this); }
-
   void refuseInvalidKey(const Key & key) const {
     if constexpr (requires { key.validateEntryKey(); }) {
       const auto status = key.validateEntryKey();
