@@ -9,7 +9,8 @@
 // 2. visit calls each member that is on the list when the visit starts and
 //    still on it when its turn comes, in the order they were added: a member
 //    may remove itself or others, or add members, from inside its callback;
-//    a member added during a visit is called from the next visit on.
+//    a member added during a visit is called from the next visit on. A
+//    visit allocates nothing: a collection visits at every write.
 // 3. A member is on at most one list at a time, and its notifier() is the
 //    owner of that list while it is on it: newMember takes it off the list
 //    of its previous notifier.
@@ -39,14 +40,17 @@ class NotifieeList {
   // Calls onZeroReferences of each member, under the rule of visit.
   void visitZeroReferences() const;
 
-  size_t members() const { return members_.size(); }
+  size_t members() const;
   bool isMember(const Notifiee * notifiee) const;
 
  private:
   template <typename Call>
   void forEachMember(Call && call) const;
 
-  std::vector<Ptr<Notifiee>> members_;
+  // Mutable: a const visit may compact the places its members left.
+  mutable std::vector<Ptr<Notifiee>> members_;
+  mutable uint32_t visiting_ = 0;  // visits under way, nested ones included
+  mutable bool holes_ = false;     // a member left during a visit
 };
 
 // What an object's notifieeList() returns: a kind (1 for a list, 0 for an
