@@ -9,6 +9,7 @@ packages=(
   libxxhash-dev       # the key hash
   nlohmann-json3-dev  # the feature-toggle files (Cairn/Toggle.h)
   libuv1-dev          # the event loop under Loop::UvEventLoop (docs/EVENTLOOP.md)
+  libcli11-dev        # the command line of tools/tessel
   libgtest-dev libgmock-dev
   libbenchmark-dev
 )

@@ -1,10 +1,22 @@
-// tessel: the project's command-line tool.
+// tessel: the operator's tool for the tables of a switch. Every command but
+// demo only reads a table's files, works with no writer running and changes
+// no byte of a live table (check validates a private copy).
 //
-//   tessel demo   creates an L3Iif Config slot file under a temporary base
-//                 directory, fills it, re-attaches it as the next writer of the
-//                 same generation would, and prints the header and the entries.
-//   tessel types  lists every type the library registered, with its
-//                 attributes, from the runtime's registry alone.
+//   tessel ls [--json]                 every table under the base directory
+//   tessel headers TABLE               the slot, bucket and queue headers
+//   tessel dump TABLE [--json] [--key K]  the entries, or the one under K
+//   tessel stat TABLE [--json]         capacity, fill, buckets, queue, writer
+//   tessel check TABLE                 would the next writer keep the table?
+//   tessel types                       every type the library registered
+//   tessel demo                        a small table made, re-attached, printed
+//
+// The base directory is TESSEL_SHM_ROOT, or /dev/shm/tessel. Exit status: 0
+// done (check: sound), 1 a table found unsound or unreadable, 2 a bad
+// command line, a bad table name or a missing table.
+//
+// The command line is parsed by CLI11 (Debian's libcli11-dev): subcommands
+// with their own --help and typed options, which hand-written parsing would
+// only repeat.
 
 #include <unistd.h>
 
@@ -12,9 +24,12 @@
 #include <filesystem>
 #include <string>
 
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "Cairn/Operations.h"
+#include "Inspect/Commands.h"
+#include "Inspect/TableFiles.h"
 #include "Cairn/SlotWriter.h"
 #include "Rig/TypeRegistry.h"
 #include "RigCairn/RigCairnMapValueWrapper.h"
@@ -95,16 +110,85 @@ int types() {
   return 0;
 }
 
+// Runs one command: its text to stdout, an error to stderr naming the
+// command, and its exit status.
+template <typename Command>
+int run(const char * name, Command && command) {
+  try {
+    return command();
+  } catch (const Inspect::Error & error) {
+    fmt::print(stderr, "tessel {}: {}\n", name, error.what());
+    return error.status();
+  } catch (const std::exception & error) {
+    fmt::print(stderr, "tessel {}: {}\n", name, error.what());
+    return 1;
+  }
+}
+
+int printed(const std::string & text) {
+  fmt::print("{}", text);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char ** argv) {
-  const std::string command = argc > 1 ? argv[1] : "demo";
-  if (command == "demo") {
-    return demo();
+  CLI::App app{"tessel: look at the tables of a switch (base directory: TESSEL_SHM_ROOT or /dev/shm/tessel)"};
+  app.require_subcommand(1);
+  std::string table;
+  std::string key;
+  bool json = false;
+  auto tableArgument = [&](CLI::App * command) {
+    command->add_option("TABLE", table, "the table's name, as its writer gave it (for example agent/l3Iif/table)")
+        ->required();
+  };
+  auto jsonFlag = [&](CLI::App * command) { command->add_flag("--json", json, "print JSON"); };
+
+  CLI::App * lsCommand = app.add_subcommand("ls", "every table under the base directory");
+  jsonFlag(lsCommand);
+  CLI::App * headersCommand = app.add_subcommand("headers", "the slot, bucket and queue headers");
+  tableArgument(headersCommand);
+  CLI::App * dumpCommand = app.add_subcommand("dump", "the entries in table order, or the entry under --key");
+  tableArgument(dumpCommand);
+  jsonFlag(dumpCommand);
+  CLI::Option * keyOption = dumpCommand->add_option("--key", key, "the key's text form");
+  CLI::App * statCommand = app.add_subcommand("stat", "capacity, fill, buckets, queue, generation and writer");
+  tableArgument(statCommand);
+  jsonFlag(statCommand);
+  CLI::App * checkCommand = app.add_subcommand("check", "validate the table as its next writer would, on a copy");
+  tableArgument(checkCommand);
+  CLI::App * typesCommand = app.add_subcommand("types", "every type the library registered");
+  CLI::App * demoCommand = app.add_subcommand("demo", "make a small table, attach it again, print it");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError & error) {
+    return app.exit(error) == 0 ? 0 : 2;
   }
-  if (command == "types") {
+
+  if (lsCommand->parsed()) {
+    return run("ls", [&] { return printed(Inspect::ls(json)); });
+  }
+  if (headersCommand->parsed()) {
+    return run("headers", [&] { return printed(Inspect::headers(table)); });
+  }
+  if (dumpCommand->parsed()) {
+    return run("dump", [&] {
+      return printed(Inspect::dump(table, json, keyOption->count() > 0 ? std::optional(key) : std::nullopt));
+    });
+  }
+  if (statCommand->parsed()) {
+    return run("stat", [&] { return printed(Inspect::stat(table, json)); });
+  }
+  if (checkCommand->parsed()) {
+    return run("check", [&] {
+      const Inspect::CheckResult result = Inspect::check(table);
+      fmt::print("{}", result.text);
+      return result.sound ? 0 : 1;
+    });
+  }
+  if (typesCommand->parsed()) {
     return types();
   }
-  fmt::print(stderr, "usage: tessel demo | tessel types\n");
-  return 2;
+  return demoCommand->parsed() ? demo() : 2;
 }
