@@ -130,6 +130,9 @@ TEST_F(DirectoryTest, AChildOnlyTheDirectoryHoldsLives) {
   EXPECT_EQ(deaths, 0);
   EXPECT_EQ(table->references(), 1u);
   EXPECT_EQ(root_->entity(Rig::Name("table")).ptr(), table);
+  // Letting go of it there is its end (and happens while `deaths` lives).
+  root_->entityDel(Rig::Name("table"));
+  EXPECT_EQ(deaths, 1);
 }
 
 TEST_F(DirectoryTest, AnAbsentNameFindsNothing) {
