@@ -22,6 +22,7 @@
 //    they stay valid for the map's life. A collection does not tell a change
 //    from a removal: its observers get the key, and look the entry up.
 
+#include <functional>
 #include <string>
 #include <typeinfo>
 
@@ -57,15 +58,11 @@ class RigCairnMap : public Cairn::CairnMap<K, V, Ops> {
     this->shortNameIs(name);
     this->handler_ = Basalt::Platform::getDebugHandler(Cairn::CairnMapBase::TempHandlerName);
     this->pathIs(collection_->name() + "/" + name);
-    this->callbacksIs(typename Base::Callbacks(
-        [this, keyNotify](const V & value) {
-          const K key = value.fwkKey();
-          (collection_->*keyNotify)(key);
-        },
-        [this, keyNotify](const K & key) { (collection_->*keyNotify)(key); },
-        [this, keyNotify](const K & key) { (collection_->*keyNotify)(key); },
-        [this, mountStatusNotify] { (collection_->*mountStatusNotify)(); },
-        [this, quiescedNotify](bool quiesced) { (collection_->*quiescedNotify)(quiesced); }));
+    this->callbacksIs(typename Base::Callbacks(std::bind_front(&RigCairnMap::forwardValue, this, keyNotify),
+                                               std::bind_front(&RigCairnMap::forwardKey, this, keyNotify),
+                                               std::bind_front(&RigCairnMap::forwardKey, this, keyNotify),
+                                               std::bind_front(&RigCairnMap::forwardMountStatus, this, mountStatusNotify),
+                                               std::bind_front(&RigCairnMap::forwardQuiesced, this, quiescedNotify)));
     BASALT_TRACE(*this->handler_, 5, "RigCairnMap::entity() creating local CairnWriter {}", this->path());
     this->backendIs(this->createDefaultLocalWriter(*this->handler_));
   }
@@ -111,6 +108,14 @@ class RigCairnMap : public Cairn::CairnMap<K, V, Ops> {
   bool parented() const { return parented_; }
 
  private:
+  // The callbacks, bound to this map by member function rather than by a
+  // closure that captures it: g++ 12's vptr check takes an access through
+  // such a closure for an access to a map at the closure's address.
+  void forwardValue(KeyNotify notify, const V & value) { (collection_->*notify)(value.fwkKey()); }
+  void forwardKey(KeyNotify notify, const K & key) { (collection_->*notify)(key); }
+  void forwardMountStatus(MountStatusNotify notify) { (collection_->*notify)(); }
+  void forwardQuiesced(QuiescedNotify notify, bool quiesced) { (collection_->*notify)(quiesced); }
+
   C * collection_ = nullptr;
   bool parented_ = false;
 };
