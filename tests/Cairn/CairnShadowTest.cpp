@@ -160,7 +160,10 @@ TEST_F(CairnShadowTest, AForcedDetachDuringAnAsynchronousFlushEndsItAtOnce) {
   EXPECT_EQ(shadow->mountStatus(), 3u);
   EXPECT_EQ(shadow->syncer.mode(), Cairn::SyncerMode::flush);
   shadow->detach(true);
-  EXPECT_TRUE(shadow->syncer.done());
+  // The flush ended inside the call: the map is out of its flushing status.
+  // The shadow itself may be gone already (the sentry, poked at the flush's
+  // end, attaches anew while the writer is there), so it is not read again.
+  EXPECT_NE(shadow_.mountStatus(), 3u);
 }
 
 TEST_F(CairnShadowTest, AnUnforcedDetachDuringAFlushIsAnAssertion) {
