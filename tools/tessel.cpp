@@ -7,6 +7,9 @@
 //   tessel dump TABLE [--json] [--key K]  the entries, or the one under K
 //   tessel stat TABLE [--json]         capacity, fill, buckets, queue, writer
 //   tessel check TABLE                 would the next writer keep the table?
+//   tessel load TABLE FILE [--type T] [--max-slots N]
+//                                      write a dump's entries, as the writer
+//   tessel watch TABLE [--count N]     one JSON line per changed key
 //   tessel types                       every type the library registered
 //   tessel demo                        a small table made, re-attached, printed
 //
@@ -157,6 +160,18 @@ int main(int argc, char ** argv) {
   jsonFlag(statCommand);
   CLI::App * checkCommand = app.add_subcommand("check", "validate the table as its next writer would, on a copy");
   tableArgument(checkCommand);
+  CLI::App * loadCommand = app.add_subcommand("load", "write the entries of a dump (text or JSON) as the table's writer");
+  tableArgument(loadCommand);
+  std::string dumpFile;
+  std::string valueType;
+  uint32_t maxSlots = 0;
+  loadCommand->add_option("FILE", dumpFile, "a dump made by tessel dump, with or without --json")->required();
+  loadCommand->add_option("--type", valueType, "the value type of a new table loaded from JSON");
+  loadCommand->add_option("--max-slots", maxSlots, "the size of a new table (default: twice the dump, at least 1024)");
+  CLI::App * watchCommand = app.add_subcommand("watch", "follow the table as a shadow: one JSON line per changed key");
+  tableArgument(watchCommand);
+  uint64_t count = 0;
+  watchCommand->add_option("--count", count, "stop after this many changes (default: until interrupted)");
   CLI::App * typesCommand = app.add_subcommand("types", "every type the library registered");
   CLI::App * demoCommand = app.add_subcommand("demo", "make a small table, attach it again, print it");
 
@@ -185,6 +200,18 @@ int main(int argc, char ** argv) {
       const Inspect::CheckResult result = Inspect::check(table);
       fmt::print("{}", result.text);
       return result.sound ? 0 : 1;
+    });
+  }
+  if (loadCommand->parsed()) {
+    return run("load", [&] { return printed(Inspect::load(table, dumpFile, valueType, maxSlots)); });
+  }
+  if (watchCommand->parsed()) {
+    return run("watch", [&] {
+      Inspect::watch(table, count, [](const std::string & line) {
+        fmt::print("{}\n", line);
+        std::fflush(stdout);
+      });
+      return 0;
     });
   }
   if (typesCommand->parsed()) {

@@ -3,7 +3,12 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
 #include <string_view>
 #include <vector>
 
@@ -12,7 +17,9 @@
 
 #include "Basalt/DebugHandler.h"
 #include "Basalt/Exception.h"
+#include "Cairn/CairnMap.h"
 #include "Cairn/CairnReader.h"
+#include "Cairn/CairnShadow.h"
 #include "Cairn/CairnWriter.h"
 #include "Cairn/IterHint.h"
 #include "Cairn/MapDescriptor.h"
@@ -20,6 +27,7 @@
 #include "Inspect/Json.h"
 #include "Inspect/TableFiles.h"
 #include "Inspect/TableTypes.h"
+#include "Loop/EventLoop.h"
 #include "Rig/Exception.h"
 #include "Rig/ValueText.h"
 
@@ -27,13 +35,33 @@ namespace Inspect {
 
 namespace {
 
-// Calls visit(TableType<Entry>{}) for the table's entry type.
+// Calls visit(TableType<C>{}) for the collection whose entries are named
+// `valueType`.
+template <typename Visit>
+void withTableType(const std::string & table, const std::string & valueType, Visit && visit) {
+  if (!TableTypes::dispatch(valueType, visit)) {
+    throw Error(1, fmt::format("table {}: unknown value type \"{}\"", table, valueType));
+  }
+}
+
 template <typename Visit>
 void withTableTypeOf(const TableFiles & files, Visit && visit) {
-  const std::string valueType = Cairn::SlotTableHeader::name(files.slotHeader().valueType);
-  if (!TableTypes::dispatch(valueType, visit)) {
-    throw Error(1, fmt::format("table {}: unknown value type \"{}\"", files.name(), valueType));
-  }
+  withTableType(files.name(), Cairn::SlotTableHeader::name(files.slotHeader().valueType), visit);
+}
+
+template <typename T>
+using Writer = Cairn::CairnWriter<typename T::Key, typename T::Value, typename T::Ops>;
+
+// This process as the writer of `table`, with room for `maxSlots` entries.
+template <typename T>
+std::unique_ptr<Writer<T>> writerOf(Basalt::Platform::DebugHandler & handler, const std::string & table,
+                                    uint32_t maxSlots, const std::string & classType) {
+  Cairn::MapDescriptor descriptor;
+  descriptor.maxSlots = maxSlots;
+  static const typename T::Ops ops;
+  auto writer = std::make_unique<Writer<T>>(handler, table, descriptor, ops, classType, nullptr);
+  writer->initialize("");
+  return writer;
 }
 
 // A read-only reader of the table, attached.
@@ -148,14 +176,10 @@ CheckResult checkAsNextWriter(const TableFiles & files) {
   bool kept = false;
   uint32_t entries = 0;
   try {
-    Cairn::MapDescriptor descriptor;
-    descriptor.maxSlots = header.maxSlots;
-    typename T::Ops ops;
-    Cairn::CairnWriter<typename T::Key, typename T::Value, typename T::Ops> writer(
-        handler, files.name(), descriptor, ops, Cairn::SlotTableHeader::name(header.classType), nullptr);
-    writer.initialize("");
-    kept = epoch != 0 && writer.epochId().value == epoch;
-    entries = writer.members();
+    const auto writer =
+        writerOf<T>(handler, files.name(), header.maxSlots, Cairn::SlotTableHeader::name(header.classType));
+    kept = epoch != 0 && writer->epochId().value == epoch;
+    entries = writer->members();
   } catch (const std::exception & exception) {
     reasons.emplace_back(exception.what());
   }
@@ -191,6 +215,148 @@ nlohmann::json summary(const std::string & name) {
     row["error"] = error.what();
   }
   return row;
+}
+
+// The entries of a dump: the text forms, one a line, or a JSON array.
+struct Dump {
+  std::string valueType;  // named by the text forms; empty for JSON
+  std::vector<std::string> lines;
+  std::optional<nlohmann::json> json;
+};
+
+Dump readDump(const std::string & table, const std::string & path) {
+  std::ifstream file(path);
+  if (!file) {
+    throw Error(2, fmt::format("table {}: cannot read the dump {}", table, path));
+  }
+  const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  Dump dump;
+  const size_t start = text.find_first_not_of(" \t\r\n");
+  if (start != std::string::npos && text[start] == '[') {
+    try {
+      dump.json = nlohmann::json::parse(text);
+    } catch (const nlohmann::json::exception & exception) {
+      throw Error(2, fmt::format("table {}: the dump {} is not JSON: {}", table, path, exception.what()));
+    }
+    return dump;
+  }
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    if (!line.empty()) {
+      dump.lines.push_back(line);
+    }
+  }
+  constexpr std::string_view prefix = "Value('";
+  if (!dump.lines.empty() && dump.lines[0].starts_with(prefix)) {
+    const size_t end = dump.lines[0].find('\'', prefix.size());
+    dump.valueType = dump.lines[0].substr(prefix.size(), end - prefix.size());
+  }
+  return dump;
+}
+
+template <typename T>
+std::vector<typename T::Entry> entriesOf(const std::string & table, const Dump & dump) {
+  std::vector<typename T::Entry> entries;
+  const auto refuse = [&](size_t index, const std::exception & exception) {
+    return Error(2, fmt::format("table {}: entry {} of the dump: {}", table, index + 1, exception.what()));
+  };
+  if (dump.json) {
+    if (!dump.json->is_array()) {
+      throw Error(2, fmt::format("table {}: a JSON dump is an array of entries", table));
+    }
+    for (size_t index = 0; index < dump.json->size(); ++index) {
+      try {
+        entries.push_back(fromJson<typename T::Entry>((*dump.json)[index], "entry"));
+      } catch (const std::exception & exception) {
+        throw refuse(index, exception);
+      }
+    }
+    return entries;
+  }
+  for (size_t index = 0; index < dump.lines.size(); ++index) {
+    try {
+      entries.push_back(Rig::strepToValue<typename T::Entry>(Rig::String(dump.lines[index])));
+    } catch (const std::exception & exception) {
+      throw refuse(index, exception);
+    }
+  }
+  return entries;
+}
+
+template <typename T>
+std::string loadAs(const std::string & table, const Dump & dump, uint32_t maxSlots, bool exists) {
+  const std::vector<typename T::Entry> entries = entriesOf<T>(table, dump);
+  std::string classType = T::classType();
+  if (exists) {
+    const Cairn::SlotTableHeader header = TableFiles(table).slotHeader();
+    maxSlots = header.maxSlots;
+    classType = Cairn::SlotTableHeader::name(header.classType);
+  } else if (maxSlots == 0) {
+    maxSlots = std::max<uint32_t>(1024, static_cast<uint32_t>(2 * entries.size()));
+  }
+  try {
+    const auto writer = writerOf<T>(silentHandler(), table, maxSlots, classType);
+    for (const auto & entry : entries) {
+      writer->write(typename T::Value(entry), true);
+    }
+    return fmt::format("table {}: {} entries loaded, {} in the table\n", table, entries.size(), writer->members());
+  } catch (const Error &) {
+    throw;
+  } catch (const std::exception & exception) {
+    throw Error(1, fmt::format("table {}: cannot load: {}", table, exception.what()));
+  }
+}
+
+template <typename T>
+std::string changeLine(const typename T::Key & key, const typename T::Entry * entry, uint64_t sequence) {
+  nlohmann::json line = {{"key", toJson(key)}, {"sequence", sequence}};
+  if (entry != nullptr) {
+    line["value"] = toJson(*entry);
+  } else {
+    line["deleted"] = true;
+  }
+  return line.dump();
+}
+
+template <typename T>
+void watchAs(const TableFiles & files, uint64_t count, const std::function<void(const std::string &)> & line,
+             const std::function<void()> & mounted) {
+  using Map = Cairn::CairnMap<typename T::Key, typename T::Value, typename T::Ops>;
+  using Shadow = Cairn::CairnShadow<typename T::Key, typename T::Value, typename T::Ops>;
+  uint64_t made = 0;
+  bool wasMounted = false;
+  Map * map = nullptr;
+  const auto sequence = [&] {
+    auto * shadow = dynamic_cast<Shadow *>(map->backend());
+    return shadow == nullptr ? uint64_t{0} : shadow->sequence();
+  };
+  const auto told = [&](const std::string & text) {
+    line(text);
+    if (count != 0 && ++made >= count) {
+      Loop::processLoop().stop();
+    }
+  };
+  Map shadowMap(files.name(),
+                typename Map::Callbacks(
+                    [&](const typename T::Value & value) {
+                      told(changeLine<T>(value.fwkKey(), &value.value, sequence()));
+                    },
+                    {}, [&](const typename T::Key & key) { told(changeLine<T>(key, nullptr, sequence())); },
+                    [&] {
+                      if (map->mountStatus() == 2 && !wasMounted) {
+                        wasMounted = true;
+                        if (mounted) {
+                          mounted();
+                        }
+                      }
+                    }));
+  map = &shadowMap;
+  Cairn::MapDescriptor descriptor;
+  descriptor.mode = Cairn::CairnType::shadow;
+  descriptor.maxSlots = files.slotHeader().maxSlots;
+  shadowMap.init(descriptor);
+  Loop::processLoop().run();
+  shadowMap.controlDetach();
 }
 
 }  // namespace
@@ -294,6 +460,39 @@ CheckResult check(const std::string & table) {
   CheckResult result{false, ""};
   withTableTypeOf(files, [&](auto type) { result = checkAsNextWriter<decltype(type)>(files); });
   return result;
+}
+
+
+std::string load(const std::string & table, const std::string & dumpFile, const std::string & valueType,
+                 uint32_t maxSlots) {
+  const Dump dump = readDump(table, dumpFile);
+  std::optional<TableFiles> files;
+  try {
+    files.emplace(table);
+  } catch (const Error & error) {
+    if (std::string(error.what()).find("no table at") == std::string::npos) {
+      throw;
+    }
+  }
+  std::string type = files ? Cairn::SlotTableHeader::name(files->slotHeader().valueType)
+                           : (valueType.empty() ? dump.valueType : valueType);
+  if (type.empty()) {
+    throw Error(2, fmt::format("table {}: a new table needs its value type (--type) for a JSON dump", table));
+  }
+  if (!dump.valueType.empty() && dump.valueType != type) {
+    throw Error(2, fmt::format("table {}: holds {}, the dump {}", table, type, dump.valueType));
+  }
+  std::string result;
+  withTableType(table, type, [&](auto tableType) {
+    result = loadAs<decltype(tableType)>(table, dump, maxSlots, files.has_value());
+  });
+  return result;
+}
+
+void watch(const std::string & table, uint64_t count, const std::function<void(const std::string &)> & line,
+           const std::function<void()> & mounted) {
+  const TableFiles files(table);
+  withTableTypeOf(files, [&](auto type) { watchAs<decltype(type)>(files, count, line, mounted); });
 }
 
 }  // namespace Inspect

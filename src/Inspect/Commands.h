@@ -11,10 +11,17 @@
 //   stat      capacity, fill, buckets, queue, generation, writer, marker
 //   check     would the next writer keep this table? The engine's own
 //             start-up validation, run on a private copy of the files
+//   load      becomes the table's writer and writes every entry of a dump
+//             (its text or its JSON) into it
+//   watch     follows the table as a shadow, one JSON line per changed key
 //
-// Every command but check only reads the table's files (read-only opens and
-// mappings); check reads them once, to copy them.
+// ls, headers, dump and stat only read the table's files (read-only opens and
+// mappings); check reads them once, to copy them; watch maps them read-only
+// and reads the writer's queue. load alone writes, as any writer would, and
+// is refused while another writer lives.
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -30,5 +37,20 @@ std::string headers(const std::string & table);
 std::string dump(const std::string & table, bool json, const std::optional<std::string> & key);
 std::string stat(const std::string & table, bool json);
 CheckResult check(const std::string & table);
+
+// Loads `dumpFile` into `table`: an existing table keeps its type and size;
+// a new one takes the type its entries name (or `valueType`, for JSON) and
+// room for `maxSlots` entries (0: twice the dump's, at least 1024). Returns
+// a line saying how many entries were written.
+std::string load(const std::string & table, const std::string & dumpFile, const std::string & valueType,
+                 uint32_t maxSlots);
+
+// Follows `table` as a shadow and calls `line` with one JSON line per changed
+// key, until `count` lines were made (0: for ever): {"key":..., "value":...,
+// "sequence":...}, or "deleted":true in place of the value. The table as it
+// is when the shadow mounts gives no lines; `mounted`, when given, is called
+// once then. A table with no writer is waited for.
+void watch(const std::string & table, uint64_t count, const std::function<void(const std::string &)> & line,
+           const std::function<void()> & mounted = {});
 
 }  // namespace Inspect

@@ -2,40 +2,47 @@
 // Inspect::TableTypes: the one place that ties a table's files to the record
 // type they hold. A slot file names its value type in its header; a command
 // that works on entries is written once, as a visitor, and called here with
-// the entry type the name stands for. No command names a table type.
+// the collection and entry type the name stands for. No command names a
+// table type.
 
+#include <string>
 #include <string_view>
+#include <typeinfo>
 
 #include "Cairn/Operations.h"
+#include "Rig/RigType.h"
 #include "RigCairn/RigCairnMapValueWrapper.h"
-#include "TesselHwLib/L3IifTH3.h"
-#include "TesselHwLib/L3TunnelTH3.h"
-#include "TesselHwLib/MyStationTcamTH3.h"
+#include "TesselHwLib/TesselHwLibTypesTH3.h"
 
 namespace Inspect {
 
-// The engine's types for a table of `Entry` records.
-template <typename E>
+// The engine's types for a table of collection C.
+template <typename C>
 struct TableType {
-  using Entry = E;
+  using Collection = C;
+  using Entry = typename C::EntryType;
   using Key = typename Entry::KeyType;
   using Value = RigCairn::ValueWrapperOf<Entry>;
   using Ops = Cairn::Ops<Key, Value>;
+
+  // The class name a collection's writer records in the slot file's header.
+  static std::string classType() { return Rig::demangleStdString(typeid(C)); }
 };
 
-template <typename... Entries>
+template <typename... Collections>
 struct TableTypeList {
-  // Calls visit(TableType<Entry>{}) for the entry type whose name is
-  // `valueType`; false, having called nothing, when no table holds it.
+  // Calls visit(TableType<C>{}) for the collection whose entries' type name
+  // is `valueType`; false, having called nothing, when no table holds it.
   template <typename Visit>
   static bool dispatch(std::string_view valueType, Visit && visit) {
-    return ((valueType == TableType<Entries>::Value::typeName() ? (visit(TableType<Entries>{}), true) : false) ||
+    return ((valueType == TableType<Collections>::Value::typeName() ? (visit(TableType<Collections>{}), true)
+                                                                    : false) ||
             ...);
   }
 };
 
-using TableTypes = TableTypeList<TesselHwLib::L3IifTH3ConfigEntry, TesselHwLib::L3IifTH3StatusEntry,
-                                 TesselHwLib::L3TunnelTH3ConfigEntry, TesselHwLib::L3TunnelTH3StatusEntry,
-                                 TesselHwLib::MyStationTcamTH3ConfigEntry, TesselHwLib::MyStationTcamTH3StatusEntry>;
+using TableTypes = TableTypeList<TesselHwLib::L3IifTH3Config, TesselHwLib::L3IifTH3Status,
+                                 TesselHwLib::L3TunnelTH3Config, TesselHwLib::L3TunnelTH3Status,
+                                 TesselHwLib::MyStationTcamTH3Config, TesselHwLib::MyStationTcamTH3Status>;
 
 }  // namespace Inspect

@@ -1,0 +1,187 @@
+// tessel load and watch against real tables of every type: a dump loaded
+// into a fresh table dumps again the same, as text and as JSON; a watcher in
+// this process sees, as JSON lines, exactly the changes a writer in another
+// process makes after the watcher mounted.
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "Inspect/Commands.h"
+#include "Inspect/Json.h"
+#include "Inspect/TableFiles.h"
+#include "Loop/EventLoop.h"
+#include "Rig/Directory.h"
+#include "Support/TempDir.h"
+#include "TesselHwLib/CollectionTesting.h"
+
+namespace {
+
+using namespace CollectionTest;
+
+// Reads one byte from `fd` (0 at its end) while the process loop runs, as a
+// writer must run it: readers connect to its socket through the loop.
+int readServing(int fd, char & byte) {
+  bool readable = false;
+  const Loop::Registration watch = Loop::processLoop().watchReadable(fd, [&] { readable = true; });
+  if (!Loop::processLoop().runUntil([&] { return readable; }, std::chrono::seconds(60))) {
+    return -1;
+  }
+  return static_cast<int>(::read(fd, &byte, 1));
+}
+
+void writeFile(const std::string & path, const std::string & text) {
+  std::ofstream file(path);
+  file << text;
+}
+
+template <typename C>
+class InspectLoadWatch : public ::testing::Test {
+ protected:
+  using T = Table<C>;
+  static constexpr const char * Source = "agent/source/table";
+
+  // Fills the table "agent/source/table" with `count` entries.
+  void fillSource(uint64_t count) {
+    auto collection = T::make("source");
+    root_->entityIs(collection);
+    collection->tableControl()->mount(descriptor(Cairn::CairnType::writer, false, 512));
+    for (uint64_t number = 0; number < count; ++number) {
+      collection->tableIs(T::entry(number, number % 7));
+    }
+    collection->tableControl()->unmount();
+    root_->entityDel(Rig::Name("source"));
+  }
+
+  std::string dumpFile(const std::string & text) {
+    const std::string path = files_.path() + "/dump";
+    writeFile(path, text);
+    return path;
+  }
+
+  ScopedShmRoot shmRoot_;
+  TestSupport::TempDir files_;
+  Rig::Ptr<Rig::Directory> root_ = Rig::make<Rig::Directory>(Rig::Name("agent"));
+};
+
+TYPED_TEST_SUITE(InspectLoadWatch, Collections);
+
+TYPED_TEST(InspectLoadWatch, ATextDumpLoadedIntoAFreshTableDumpsAgainTheSame) {
+  this->fillSource(60);
+  const std::string dump = Inspect::dump(this->Source, false, std::nullopt);
+  EXPECT_EQ(Inspect::load("copy/text", this->dumpFile(dump), "", 0),
+            "table copy/text: 60 entries loaded, 60 in the table\n");
+  EXPECT_EQ(Inspect::dump("copy/text", false, std::nullopt), dump);
+  // The new table is a collection's: its class is the collection's.
+  const auto header = Inspect::TableFiles("copy/text").slotHeader();
+  EXPECT_EQ(Cairn::SlotTableHeader::name(header.classType), Rig::demangleStdString(typeid(TypeParam)));
+  EXPECT_TRUE(Inspect::check("copy/text").sound);
+}
+
+TYPED_TEST(InspectLoadWatch, AJsonDumpLoadedIntoAFreshTableDumpsAgainTheSame) {
+  this->fillSource(60);
+  const std::string dump = Inspect::dump(this->Source, true, std::nullopt);
+  const std::string type(Rig::Record::Layout<typename TestFixture::T::Entry>::typeName);
+  EXPECT_EQ(Inspect::load("copy/json", this->dumpFile(dump), type, 100),
+            "table copy/json: 60 entries loaded, 60 in the table\n");
+  EXPECT_EQ(Inspect::dump("copy/json", true, std::nullopt), dump);
+  EXPECT_EQ(Inspect::TableFiles("copy/json").slotHeader().maxSlots, 100u);
+  // Loaded again into the table it came from: every entry rewritten, none added.
+  EXPECT_EQ(Inspect::load(this->Source, this->dumpFile(dump), "", 0),
+            "table agent/source/table: 60 entries loaded, 60 in the table\n");
+}
+
+TYPED_TEST(InspectLoadWatch, ABadDumpIsRefusedNamingTheEntryAndWritesNothing) {
+  using T = typename TestFixture::T;
+  const std::string good = std::string(valueToStrep(T::entry(1))) + "\n";
+  const std::string bad = good + "Value('nonsense')\n";
+  try {
+    Inspect::load("copy/bad", this->dumpFile(bad), "", 0);
+    FAIL() << "a bad dump was loaded";
+  } catch (const Inspect::Error & error) {
+    EXPECT_EQ(error.status(), 2);
+    EXPECT_EQ(std::string(error.what()).rfind("table copy/bad: entry 2 of the dump: ", 0), 0u) << error.what();
+  }
+  EXPECT_THROW(Inspect::TableFiles("copy/bad"), Inspect::Error);
+  try {
+    Inspect::load("copy/bad", this->dumpFile("[{\"genId\": 1}]"), "", 0);
+    FAIL() << "a JSON dump without a type made a table";
+  } catch (const Inspect::Error & error) {
+    EXPECT_EQ(error.status(), 2);
+    EXPECT_EQ(std::string(error.what()),
+              "table copy/bad: a new table needs its value type (--type) for a JSON dump");
+  }
+}
+
+TYPED_TEST(InspectLoadWatch, AWatcherSeesEveryChangeAWriterInAnotherProcessMakesAfterItMounted) {
+  using T = typename TestFixture::T;
+  // The child is the table's writer: it fills it, says so, waits for the
+  // watcher to mount, changes seven keys and stays until the watcher is done,
+  // serving its loop all the while.
+  int ready[2];
+  int go[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  ASSERT_EQ(::pipe(go), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(ready[0]);
+    ::close(go[1]);
+    int status = 1;
+    try {
+      auto collection = T::make("source");
+      this->root_->entityIs(collection);
+      collection->tableControl()->mount(descriptor(Cairn::CairnType::writer, false, 512));
+      for (uint64_t number = 0; number < 10; ++number) {
+        collection->tableIs(T::entry(number));
+      }
+      char byte = 'r';
+      if (::write(ready[1], &byte, 1) == 1 && readServing(go[0], byte) == 1) {
+        for (uint64_t number = 100; number < 105; ++number) {
+          collection->tableIs(T::entry(number));
+        }
+        collection->tableDel(T::key(3));
+        collection->tableDel(T::key(4));
+        status = readServing(go[0], byte) == 0 ? 0 : 1;
+      }
+    } catch (...) {
+    }
+    ::_exit(status);
+  }
+  ::close(ready[1]);
+  ::close(go[0]);
+  char byte;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1) << "the writer did not start";
+  std::vector<nlohmann::json> lines;
+  Inspect::watch(
+      this->Source, 7, [&](const std::string & line) { lines.push_back(nlohmann::json::parse(line)); },
+      [&] { ASSERT_EQ(::write(go[1], "g", 1), 1); });
+  ::close(go[1]);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_EQ(lines.size(), 7u);
+  uint64_t lastSequence = 0;
+  for (size_t index = 0; index < lines.size(); ++index) {
+    const bool deleted = index >= 5;
+    const uint64_t number = deleted ? index - 2 : 100 + index;
+    EXPECT_EQ(lines[index]["key"], Inspect::toJson(T::key(number))) << index;
+    if (deleted) {
+      EXPECT_EQ(lines[index]["deleted"], true) << index;
+    } else {
+      EXPECT_EQ(lines[index]["value"], Inspect::toJson(T::entry(number))) << index;
+    }
+    EXPECT_GE(lines[index]["sequence"].template get<uint64_t>(), lastSequence);
+    lastSequence = lines[index]["sequence"].template get<uint64_t>();
+  }
+}
+
+}  // namespace
