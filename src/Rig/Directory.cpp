@@ -23,7 +23,13 @@ void Directory::entityIs(const Ptr<Entity> & child) {
         fmt::format("Directory::entityIs() entity {} already has a parent {}", childName, child->parent()->name()));
   }
   children_.emplace(childName, child);
-  child->parentIs(this);
+  try {
+    child->parentIs(this);
+  } catch (...) {
+    // Refused by the child: the directory stays as it was.
+    children_.erase(childName);
+    throw;
+  }
 }
 
 void Directory::entityDel(const Name & childName) {

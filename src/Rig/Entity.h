@@ -9,7 +9,9 @@
 //    takes its children out of the tree first.
 // 2. parentIs sets the link, then calls handleParent with the new parent
 //    (null when the entity leaves the tree), so that an entity that binds
-//    resources to its place can follow it. The default does nothing.
+//    resources to its place can follow it. The default does nothing. An
+//    entity may refuse a parent by raising from handleParent: it then keeps
+//    the parent it had, and a Directory that was placing it does not hold it.
 
 #include "Rig/NotifieeList.h"
 #include "Rig/Ptr.h"

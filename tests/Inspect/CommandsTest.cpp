@@ -51,6 +51,7 @@ class InspectCommands : public ::testing::Test {
     Rig::Ptr<C> collection = T::make("table-object");
     root_->entityIs(collection);
     collection->tableControl()->mount(descriptor(Cairn::CairnType::writer, false, 256));
+    mounted_.push_back(collection);
     for (uint64_t number = 0; number < Entries; ++number) {
       collection->tableIs(T::entry(number));
     }
@@ -72,6 +73,15 @@ class InspectCommands : public ::testing::Test {
 
   std::string file(const char * name) const { return Inspect::TableFiles(TableName).directory() + "/" + name; }
 
+  // A mounted collection is kept alive by its control: each is unmounted
+  // here, so that none outlives the test.
+  ~InspectCommands() override {
+    for (const auto & collection : mounted_) {
+      collection->tableControl()->unmount();
+    }
+  }
+
+  std::vector<Rig::Ptr<C>> mounted_;
   ScopedShmRoot shmRoot_;
   Rig::Ptr<Rig::Directory> root_ = Rig::make<Rig::Directory>(Rig::Name("agent"));
 };

@@ -141,6 +141,25 @@ TEST_F(DirectoryTest, AnAbsentNameFindsNothing) {
   EXPECT_EQ(root_->entities(), 0u);
 }
 
+TEST_F(DirectoryTest, AChildThatRefusesItsParentLeavesTheDirectoryAndTheChildAsTheyWere) {
+  class Refuser : public Rig::Entity {
+   public:
+    using Rig::Entity::Entity;
+    void handleParent(Rig::Ptr<Rig::Entity> parent) override {
+      if (parent) {
+        throw Basalt::InvalidInitializeException("refused");
+      }
+    }
+  };
+  const Rig::Ptr<Refuser> refuser = Rig::make<Refuser>(Rig::Name("refuser"));
+  EXPECT_THROW(root_->entityIs(refuser), Basalt::InvalidInitializeException);
+  EXPECT_EQ(refuser->parent(), nullptr);
+  EXPECT_FALSE(root_->entity(Rig::Name("refuser")));
+  EXPECT_EQ(root_->entities(), 0u);
+  EXPECT_EQ(refuser->references(), 1u);
+  EXPECT_EQ(root_->references(), 1u) << "the count taken for handleParent was given back";
+}
+
 TEST_F(DirectoryTest, RemovingAChildOrphansItAndLetsGo) {
   int deaths = 0;
   const Rig::Ptr<Child> kept = child("kept");
