@@ -11,7 +11,8 @@
 //                                      write a dump's entries, as the writer
 //   tessel watch TABLE [--count N]     one JSON line per changed key
 //   tessel types                       every type the library registered
-//   tessel demo                        a small table made, re-attached, printed
+//   tessel demo [--keys N] [--bursts N] [--burst-size N] [--keep]
+//                                      three agents at work on real tables
 //
 // The base directory is TESSEL_SHM_ROOT, or /dev/shm/tessel. Exit status: 0
 // done (check: sound), 1 a table found unsound or unreadable, 2 a bad
@@ -21,90 +22,19 @@
 // with their own --help and typed options, which hand-written parsing would
 // only repeat.
 
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
+#include <cstdio>
+#include <optional>
 #include <string>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "Cairn/Operations.h"
+#include "Demo.h"
 #include "Inspect/Commands.h"
 #include "Inspect/TableFiles.h"
-#include "Cairn/SlotWriter.h"
 #include "Rig/TypeRegistry.h"
-#include "RigCairn/RigCairnMapValueWrapper.h"
-#include "TesselHwLib/L3IifTH3.h"
 
 namespace {
-
-using Entry = TesselHwLib::L3IifTH3ConfigEntry;
-using Value = RigCairn::ValueWrapperOf<Entry>;
-using Ops = Cairn::Ops<TesselHwLib::L3IifTH3Key, Value>;
-using Table = Cairn::SlotWriterTable<TesselHwLib::L3IifTH3Key, Value, Ops>;
-
-Entry demoEntry(uint64_t index) {
-  Entry entry(TesselHwLib::L3IifTH3Key(100 + index));
-  entry.genIdIs(1);
-  entry.entryHandleIs(index);
-  entry.validIs(true);
-  entry.vrfIs(static_cast<uint16_t>(index % 4));
-  entry.classIdIs(static_cast<uint16_t>(10 * index));
-  return entry;
-}
-
-void fill(Table & table, uint64_t count) {
-  for (uint64_t index = 0; index < count; ++index) {
-    const Value value(demoEntry(index));
-    const uint32_t slotIndex = table.alloc(value.fwkKey().hash(0));
-    auto * slot = table.slots()[slotIndex];
-    Cairn::Marshall<Value>::toSlot(&slot->value, value);
-    Arena::Atomics::publish32(slot->flags, Cairn::OCCUPIED);
-  }
-}
-
-void print(const Table & table) {
-  fmt::print("{}\n", table.header()->toString());
-  for (uint32_t index = 0; index < table.capacity(); ++index) {
-    const auto * slot = table.slots()[index];
-    if (slot->flags & Cairn::OCCUPIED) {
-      Value value;
-      Cairn::Marshall<Value>::fromSlot(value, &slot->value);
-      fmt::print("slot {:3}: {}\n", index, valueToStrep(value));
-    }
-  }
-}
-
-int demo() {
-  std::string base = (std::filesystem::temp_directory_path() / "tessel-demo-XXXXXX").string();
-  if (mkdtemp(base.data()) == nullptr) {
-    fmt::print(stderr, "tessel demo: cannot make a temporary directory\n");
-    return 1;
-  }
-  setenv(Cairn::RootPath::baseVariable, base.c_str(), 1);
-  Basalt::Platform::DebugHandler handler("demo");
-  Cairn::RootPath rootPath(handler, "demo/l3IifConfig", true);
-  Ops ops;
-  Cairn::Writer::Counters counters;
-  Table::Config config{.tableSize = 64, .classType = "L3IifTH3Config"};
-  const auto epoch = ArenaFiles::EpochId::of(0, static_cast<uint16_t>(getpid()));
-
-  int result;
-  {
-    Table first(handler, rootPath, ops, counters, config);
-    result = first.attach(epoch);
-    fmt::print("first writer: attach result {} (1 new) at {}\n", result, first.fileName());
-    fill(first, 40);
-  }
-  Table second(handler, rootPath, ops, counters, config);
-  result = second.attach(epoch);
-  fmt::print("second writer, same generation: attach result {} (2 kept)\n", result);
-  print(second);
-  std::filesystem::remove_all(base);
-  return 0;
-}
 
 int types() {
   for (const Rig::RigType * type : Rig::typeNodes()) {
@@ -173,7 +103,13 @@ int main(int argc, char ** argv) {
   uint64_t count = 0;
   watchCommand->add_option("--count", count, "stop after this many changes (default: until interrupted)");
   CLI::App * typesCommand = app.add_subcommand("types", "every type the library registered");
-  CLI::App * demoCommand = app.add_subcommand("demo", "make a small table, attach it again, print it");
+  CLI::App * demoCommand =
+      app.add_subcommand("demo", "a config agent, a hardware agent and a reader at work on six tables");
+  Demo::Options demo;
+  demoCommand->add_option("--keys", demo.keys, "keys per table")->check(CLI::Range(1u, 1000000u));
+  demoCommand->add_option("--bursts", demo.bursts, "bursts of config operations");
+  demoCommand->add_option("--burst-size", demo.burstSize, "operations per burst");
+  demoCommand->add_flag("--keep", demo.keep, "leave the tables for tessel ls, dump, stat and watch");
 
   try {
     app.parse(argc, argv);
@@ -217,5 +153,5 @@ int main(int argc, char ** argv) {
   if (typesCommand->parsed()) {
     return types();
   }
-  return demoCommand->parsed() ? demo() : 2;
+  return demoCommand->parsed() ? Demo::run(demo) : 2;
 }

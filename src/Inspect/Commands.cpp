@@ -369,14 +369,14 @@ std::string ls(bool json) {
   if (json) {
     return rows.dump(2) + "\n";
   }
-  std::string text = fmt::format("{:<40} {:<36} {:>9} {:>9} {:>8} {:<5} {}\n", "TABLE", "TYPE", "ENTRIES",
+  std::string text = fmt::format("{:<40} {:<44} {:>9} {:>9} {:>8} {:<5} {}\n", "TABLE", "TYPE", "ENTRIES",
                                  "CAPACITY", "WRITER", "ALIVE", "EPOCH");
   for (const auto & row : rows) {
     if (row.contains("error")) {
       text += fmt::format("{:<40} {}\n", row["table"].get<std::string>(), row["error"].get<std::string>());
       continue;
     }
-    text += fmt::format("{:<40} {:<36} {:>9} {:>9} {:>8} {:<5} {}\n", row["table"].get<std::string>(),
+    text += fmt::format("{:<40} {:<44} {:>9} {:>9} {:>8} {:<5} {}\n", row["table"].get<std::string>(),
                         row["type"].get<std::string>(), row["entries"].get<uint32_t>(),
                         row["capacity"].get<uint32_t>(), row["writerPid"].get<int>(),
                         row["writerAlive"].get<bool>() ? "yes" : "no", row["epoch"].get<std::string>());

@@ -92,4 +92,14 @@ TEST(TesselTool, DumpPrintsTheCommandsTextAndCheckSaysSoundOrCorruptByStatus) {
       << corrupt.out;
 }
 
+TEST(TesselTool, TheDemoRunsItsThreeAgentsAndFindsEveryTableConsistent) {
+  const ToolRun demo = tessel("demo --keys 200 --bursts 5 --burst-size 100");
+  EXPECT_EQ(demo.status, 0) << demo.out << demo.err;
+  EXPECT_NE(demo.out.find("every Status table matches its Config table"), std::string::npos) << demo.out;
+  EXPECT_NE(demo.out.find("500 config operations"), std::string::npos) << demo.out;
+  EXPECT_NE(demo.out.find("status/myStationTcam/table"), std::string::npos) << demo.out;
+  EXPECT_EQ(demo.out.find("tessel demo: 200 keys"), demo.out.rfind("tessel demo: 200 keys")) << "printed once";
+  EXPECT_EQ(tessel("demo --keys 0").status, 2);
+}
+
 }  // namespace
