@@ -26,6 +26,7 @@
 #include "Cairn/RootPath.h"
 #include "Inspect/Commands.h"
 #include "Loop/EventLoop.h"
+#include "Nudge/DoorbellAcceptSm.h"
 #include "Rig/Directory.h"
 #include "Rig/Factory.h"
 #include "TesselHwLib/TesselHwLibTypesTH3.h"
@@ -330,6 +331,7 @@ void reader(const Options & options) {
 pid_t spawn(const char * role, void (*body)(const Options &), const Options & options) {
   const pid_t child = ::fork();
   if (child == 0) {
+    Nudge::forgetDoorbellAcceptSmInChild();  // each agent listens on a doorbell of its own
     int status = 0;
     try {
       body(options);

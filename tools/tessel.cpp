@@ -22,6 +22,10 @@
 // with their own --help and typed options, which hand-written parsing would
 // only repeat.
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -56,6 +60,24 @@ int run(const char * name, Command && command) {
     fmt::print(stderr, "tessel {}: {}\n", name, error.what());
     return 1;
   }
+}
+
+// A progress bar on a terminal while check validates a table of more than
+// 100,000 entries; nothing otherwise.
+Inspect::CheckProgress checkProgress(const std::string & table) {
+  if (::isatty(STDOUT_FILENO) == 0) {
+    return {};
+  }
+  return [table](uint32_t walked, uint32_t occupied) {
+    if (occupied <= 100000) {
+      return;
+    }
+    constexpr uint32_t Width = 40;
+    const uint32_t filled = static_cast<uint32_t>(uint64_t{Width} * std::min(walked, occupied) / occupied);
+    fmt::print("\rchecking {} [{}{}] {}/{}{}", table, std::string(filled, '#'), std::string(Width - filled, ' '),
+               walked, occupied, walked >= occupied ? "\n" : "");
+    std::fflush(stdout);
+  };
 }
 
 int printed(const std::string & text) {
@@ -133,7 +155,7 @@ int main(int argc, char ** argv) {
   }
   if (checkCommand->parsed()) {
     return run("check", [&] {
-      const Inspect::CheckResult result = Inspect::check(table);
+      const Inspect::CheckResult result = Inspect::check(table, checkProgress(table));
       fmt::print("{}", result.text);
       return result.sound ? 0 : 1;
     });

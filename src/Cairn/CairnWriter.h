@@ -353,6 +353,14 @@ class CairnWriter : public CairnInterface<Key, Value>,
   }
   void validateVersionAnchorHookIs(VersionAnchorHook hook) override { versionAnchorHook_ = hook; }
 
+  // Told, during the walk of the occupied slots that validates a table at
+  // attach (and validate()), how many slots it has walked of how many the
+  // header counts: every 65,536 slots and once at the end. For a tool's
+  // progress line; unset, nothing is told.
+  using ValidationProgress = std::function<void(uint32_t walked, uint32_t occupied)>;
+  void validationProgressIs(ValidationProgress progress) { validationProgress_ = std::move(progress); }
+  const ValidationProgress & validationProgress() const { return validationProgress_; }
+
   std::string dumpHeaders() const {
     std::string text = fmt::format("Cairn table \"{}\"\n\n\n{}\n\n{}\n\n", rootPath_.cairnName(),
                                    map_.buckets().toString(), slots_.header()->toString());
@@ -859,6 +867,7 @@ class CairnWriter : public CairnInterface<Key, Value>,
   bool directNew_ = false;
   Writer::Counters counters_;
   QuiescedCallback quiesced_;
+  ValidationProgress validationProgress_;
   SlotWriter slots_;
   Map map_;
   Ripple::RippleWriter ripple_;

@@ -94,12 +94,18 @@ class Validator : public Basalt::Debuggable, public OccupiedMarks {
       while (more && walked <= occupiedSlots()) {
         more = writer_->next(Ops::KeyOperations::key(value), value, hint);
         walked += more ? 1 : 0;
+        if (writer_->validationProgress() && walked % ProgressStep == 0) {
+          writer_->validationProgress()(walked, occupiedSlots());
+        }
       }
       if (more) {
         return fail(fmt::format("Validator::walkOccupiedSlots() walkedSlots:{} is greater than "
                                 "header->occupiedSlots:{}",
                                 walked, occupiedSlots()));
       }
+    }
+    if (writer_->validationProgress()) {
+      writer_->validationProgress()(occupiedCount_, occupiedSlots());
     }
     BASALT_TRACE(debugHandler(), 5, "Validator::walkOccupiedSlots() marked {} slots", occupiedCount_);
     if (occupiedSlots() != occupiedCount_) {
@@ -197,6 +203,9 @@ class Validator : public Basalt::Debuggable, public OccupiedMarks {
   uint32_t notifiedCount() const { return notifiedCount_; }
 
  private:
+  // How many slots of the walk go by between two progress reports.
+  static constexpr uint32_t ProgressStep = 1u << 16;
+
   uint32_t occupiedSlots() const { return writer_->slotTable().header()->occupiedSlots; }
 
   // All three checks run whatever the others say; the last failure's text stays.

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -12,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -52,14 +54,17 @@ void withTableTypeOf(const TableFiles & files, Visit && visit) {
 template <typename T>
 using Writer = Cairn::CairnWriter<typename T::Key, typename T::Value, typename T::Ops>;
 
-// This process as the writer of `table`, with room for `maxSlots` entries.
+// This process as the writer of `table`, with room for `maxSlots` entries;
+// `progress` is told how its validation of the files it found goes.
 template <typename T>
 std::unique_ptr<Writer<T>> writerOf(Basalt::Platform::DebugHandler & handler, const std::string & table,
-                                    uint32_t maxSlots, const std::string & classType) {
+                                    uint32_t maxSlots, const std::string & classType,
+                                    const CheckProgress & progress = {}) {
   Cairn::MapDescriptor descriptor;
   descriptor.maxSlots = maxSlots;
   static const typename T::Ops ops;
   auto writer = std::make_unique<Writer<T>>(handler, table, descriptor, ops, classType, nullptr);
+  writer->validationProgressIs(progress);
   writer->initialize("");
   return writer;
 }
@@ -160,7 +165,7 @@ class PrivateCopy {
 // start: the table is sound when the writer keeps it under its generation.
 // The writer's level-0 traces say why it did not.
 template <typename T>
-CheckResult checkAsNextWriter(const TableFiles & files) {
+CheckResult checkAsNextWriter(const TableFiles & files, const CheckProgress & progress) {
   const Cairn::SlotTableHeader header = files.slotHeader();
   const uint32_t epoch = files.epoch();
   const PrivateCopy copy(files);
@@ -176,8 +181,8 @@ CheckResult checkAsNextWriter(const TableFiles & files) {
   bool kept = false;
   uint32_t entries = 0;
   try {
-    const auto writer =
-        writerOf<T>(handler, files.name(), header.maxSlots, Cairn::SlotTableHeader::name(header.classType));
+    const auto writer = writerOf<T>(handler, files.name(), header.maxSlots,
+                                    Cairn::SlotTableHeader::name(header.classType), progress);
     kept = epoch != 0 && writer->epochId().value == epoch;
     entries = writer->members();
   } catch (const std::exception & exception) {
@@ -195,6 +200,13 @@ CheckResult checkAsNextWriter(const TableFiles & files) {
     }
   }
   return {false, fmt::format("table {}: corrupt, the next writer would format it afresh: {}\n", files.name(), why)};
+}
+
+// When the table's writer last proved it sound: the time its generation was
+// recorded, once at each writer's start.
+std::string lastValidationText(const TableFiles & files) {
+  const int64_t seconds = files.lastValidation();
+  return seconds == 0 ? std::string("unknown") : fmt::format("{:%FT%TZ}", fmt::gmtime(static_cast<std::time_t>(seconds)));
 }
 
 nlohmann::json summary(const std::string & name) {
@@ -431,6 +443,7 @@ std::string stat(const std::string & table, bool json) {
       {"fillPercent", slots.numSlots.value == 0 ? 0.0 : 100.0 * slots.occupiedSlots / slots.numSlots.value},
       {"buckets", buckets.numBuckets.value},
       {"epoch", fmt::format("{:#010x}", files.epoch())},
+      {"lastValidation", lastValidationText(files)},
       {"writeInProgress", (slots.runtimeFlags & 1) != 0},
       {"writerPid", pid},
       {"writerAlive", TableFiles::processAlive(pid)},
@@ -455,10 +468,10 @@ std::string stat(const std::string & table, bool json) {
   return text;
 }
 
-CheckResult check(const std::string & table) {
+CheckResult check(const std::string & table, const CheckProgress & progress) {
   const TableFiles files(table);
   CheckResult result{false, ""};
-  withTableTypeOf(files, [&](auto type) { result = checkAsNextWriter<decltype(type)>(files); });
+  withTableTypeOf(files, [&](auto type) { result = checkAsNextWriter<decltype(type)>(files, progress); });
   return result;
 }
 

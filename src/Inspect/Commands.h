@@ -8,7 +8,8 @@
 //   headers   the slot, bucket and queue headers as the engine prints them
 //   dump      the entries in table order, one text form a line (or JSON);
 //             with a key, that entry alone
-//   stat      capacity, fill, buckets, queue, generation, writer, marker
+//   stat      capacity, fill, buckets, queue, generation, last validation,
+//             writer, corruption marker
 //   check     would the next writer keep this table? The engine's own
 //             start-up validation, run on a private copy of the files
 //   load      becomes the table's writer and writes every entry of a dump
@@ -36,7 +37,11 @@ std::string ls(bool json);
 std::string headers(const std::string & table);
 std::string dump(const std::string & table, bool json, const std::optional<std::string> & key);
 std::string stat(const std::string & table, bool json);
-CheckResult check(const std::string & table);
+// Told how many slots of how many the validation has walked (tessel check's
+// progress line on large tables).
+using CheckProgress = std::function<void(uint32_t walked, uint32_t occupied)>;
+
+CheckResult check(const std::string & table, const CheckProgress & progress = {});
 
 // Loads `dumpFile` into `table`: an existing table keeps its type and size;
 // a new one takes the type its entries name (or `valueType`, for JSON) and

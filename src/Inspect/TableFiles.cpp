@@ -114,6 +114,14 @@ uint32_t TableFiles::epoch() const {
   }
 }
 
+int64_t TableFiles::lastValidation() const {
+  try {
+    return ArenaFiles::EpochFile(silentHandler(), directory_, false).mtime();
+  } catch (const std::exception &) {
+    return 0;
+  }
+}
+
 std::optional<std::string> TableFiles::corruptionMarker() const {
   const std::string path = directory_ + "/" + Cairn::Util::CORRUPTION_FILENAME;
   const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);

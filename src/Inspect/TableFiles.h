@@ -65,6 +65,10 @@ class TableFiles {
   static bool processAlive(pid_t pid);
   // The generation recorded in the epoch file, 0 when it can't be read.
   uint32_t epoch() const;
+  // When the epoch file was last written, in seconds since the epoch (0 when
+  // it can't be read): a writer records its generation there once it has
+  // proved the table sound at its start.
+  int64_t lastValidation() const;
   // The text of the corruption marker, when a reader left one.
   std::optional<std::string> corruptionMarker() const;
 

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -162,6 +163,20 @@ TYPED_TEST(InspectCommands, CheckPassesASoundTableAndChangesNoByteOfIt) {
   // The writer goes on, undisturbed.
   collection->tableIs(TestFixture::T::entry(100));
   EXPECT_EQ(nlohmann::json::parse(Inspect::stat(this->TableName, true))["entries"], Entries - Entries / 5 + 1);
+}
+
+TYPED_TEST(InspectCommands, CheckTellsItsProgressThroughTheWalkAndStatWhenTheTableWasLastValidated) {
+  auto collection = this->writer();
+  std::vector<std::pair<uint32_t, uint32_t>> reports;
+  const Inspect::CheckResult result =
+      Inspect::check(this->TableName, [&](uint32_t walked, uint32_t occupied) { reports.emplace_back(walked, occupied); });
+  EXPECT_TRUE(result.sound) << result.text;
+  ASSERT_FALSE(reports.empty());
+  EXPECT_EQ(reports.back(), std::make_pair(uint32_t{32}, uint32_t{32}));
+  const auto stat = nlohmann::json::parse(Inspect::stat(this->TableName, true));
+  const std::string validated = stat["lastValidation"];
+  EXPECT_EQ(validated.size(), std::string("2026-11-25T08:00:00Z").size()) << validated;
+  EXPECT_EQ(validated.back(), 'Z') << validated;
 }
 
 TYPED_TEST(InspectCommands, CheckReportsAWrongEntryCountAsTheValidatorDoes) {

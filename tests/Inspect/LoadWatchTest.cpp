@@ -1,17 +1,22 @@
-// tessel load and watch against real tables of every type: a dump loaded
-// into a fresh table dumps again the same, as text and as JSON; a watcher in
-// this process sees, as JSON lines, exactly the changes a writer in another
-// process makes after the watcher mounted.
+// tessel load, watch and stat against real tables of every type: a dump
+// loaded into a fresh table dumps again the same, as text and as JSON; a
+// watcher in this process sees, as JSON lines, exactly the changes a writer
+// in another process makes after the watcher mounted; stat and ls tell that
+// writer alive, then gone.
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstdint>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -38,9 +43,78 @@ int readServing(int fd, char & byte) {
   return static_cast<int>(::read(fd, &byte, 1));
 }
 
+[[noreturn]] void serveUntilKilled() {
+  const Loop::Registration tick = Loop::processLoop().timerRepeat(std::chrono::seconds(1), [] {});
+  while (true) {
+    Loop::processLoop().runOnce();
+  }
+}
+
 void writeFile(const std::string & path, const std::string & text) {
   std::ofstream file(path);
   file << text;
+}
+
+// The writer of "agent/source/table" in a process of its own: this program
+// started again (a fresh process, with no loop or doorbell of this one) as
+// InspectWriterProcess.Run, its role in WriterVariable. It fills the table
+// with ten entries and writes a byte to `ready`; then, for "changes", it
+// waits for a byte on `go`, writes keys 100 to 104, removes keys 3 and 4 and
+// stays until `go` closes; for "stays" it stays until killed. It serves its
+// loop all the while, as a writer must: readers connect through it.
+constexpr const char * WriterVariable = "TESSEL_INSPECT_WRITER";
+
+template <typename C>
+pid_t startWriter(const char * role, int (&ready)[2], int (&go)[2]) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(ready[0]);
+    ::close(go[1]);
+    const std::string text =
+        fmt::format("{} {} {} {}", Rig::demangleStdString(typeid(C)), role, ready[1], go[0]);
+    ::setenv(WriterVariable, text.c_str(), 1);
+    ::execl("/proc/self/exe", "InspectWriter", "--gtest_filter=InspectWriterProcess.Run", nullptr);
+    ::_exit(127);
+  }
+  ::close(ready[1]);
+  ::close(go[0]);
+  return child;
+}
+
+template <typename C>
+int runWriter(const std::string & role, int ready, int go) {
+  using T = Table<C>;
+  const auto root = Rig::make<Rig::Directory>(Rig::Name("agent"));
+  auto collection = T::make("source");
+  root->entityIs(collection);
+  collection->tableControl()->mount(descriptor(Cairn::CairnType::writer, false, 512));
+  for (uint64_t number = 0; number < 10; ++number) {
+    collection->tableIs(T::entry(number));
+  }
+  char byte = 'r';
+  if (::write(ready, &byte, 1) != 1) {
+    return 1;
+  }
+  if (role == "stays") {
+    serveUntilKilled();
+  }
+  if (readServing(go, byte) != 1) {
+    return 1;
+  }
+  for (uint64_t number = 100; number < 105; ++number) {
+    collection->tableIs(T::entry(number));
+  }
+  collection->tableDel(T::key(3));
+  collection->tableDel(T::key(4));
+  return readServing(go, byte) == 0 ? 0 : 1;
+}
+
+template <typename... Cs>
+int runWriterOf(const std::string & collection, const std::string & role, int ready, int go) {
+  int result = 3;
+  ((collection == Rig::demangleStdString(typeid(Cs)) ? (result = runWriter<Cs>(role, ready, go), true) : false) ||
+   ...);
+  return result;
 }
 
 template <typename C>
@@ -123,41 +197,12 @@ TYPED_TEST(InspectLoadWatch, ABadDumpIsRefusedNamingTheEntryAndWritesNothing) {
 
 TYPED_TEST(InspectLoadWatch, AWatcherSeesEveryChangeAWriterInAnotherProcessMakesAfterItMounted) {
   using T = typename TestFixture::T;
-  // The child is the table's writer: it fills it, says so, waits for the
-  // watcher to mount, changes seven keys and stays until the watcher is done,
-  // serving its loop all the while.
   int ready[2];
   int go[2];
   ASSERT_EQ(::pipe(ready), 0);
   ASSERT_EQ(::pipe(go), 0);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::close(ready[0]);
-    ::close(go[1]);
-    int status = 1;
-    try {
-      auto collection = T::make("source");
-      this->root_->entityIs(collection);
-      collection->tableControl()->mount(descriptor(Cairn::CairnType::writer, false, 512));
-      for (uint64_t number = 0; number < 10; ++number) {
-        collection->tableIs(T::entry(number));
-      }
-      char byte = 'r';
-      if (::write(ready[1], &byte, 1) == 1 && readServing(go[0], byte) == 1) {
-        for (uint64_t number = 100; number < 105; ++number) {
-          collection->tableIs(T::entry(number));
-        }
-        collection->tableDel(T::key(3));
-        collection->tableDel(T::key(4));
-        status = readServing(go[0], byte) == 0 ? 0 : 1;
-      }
-    } catch (...) {
-    }
-    ::_exit(status);
-  }
-  ::close(ready[1]);
-  ::close(go[0]);
+  const pid_t child = startWriter<TypeParam>("changes", ready, go);
+  ASSERT_GT(child, 0);
   char byte;
   ASSERT_EQ(::read(ready[0], &byte, 1), 1) << "the writer did not start";
   std::vector<nlohmann::json> lines;
@@ -184,4 +229,45 @@ TYPED_TEST(InspectLoadWatch, AWatcherSeesEveryChangeAWriterInAnotherProcessMakes
   }
 }
 
+TYPED_TEST(InspectLoadWatch, StatAndLsTellAWriterInAnotherProcessAliveThenGone) {
+  int ready[2];
+  int go[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  ASSERT_EQ(::pipe(go), 0);
+  const pid_t child = startWriter<TypeParam>("stays", ready, go);
+  ASSERT_GT(child, 0);
+  char byte;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1) << "the writer did not start";
+  const auto alive = nlohmann::json::parse(Inspect::stat(this->Source, true));
+  EXPECT_EQ(alive["writerPid"], child);
+  EXPECT_EQ(alive["writerAlive"], true);
+  EXPECT_EQ(alive["entries"], 10u);
+  EXPECT_EQ(nlohmann::json::parse(Inspect::ls(true))[0]["writerPid"], child);
+  ::kill(child, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  const auto gone = nlohmann::json::parse(Inspect::stat(this->Source, true));
+  EXPECT_EQ(gone["writerAlive"], false);
+  EXPECT_EQ(gone["entries"], 10u);
+  EXPECT_EQ(Inspect::dump(this->Source, false, std::nullopt).size() > 0, true);
+}
+
 }  // namespace
+
+// The writer's side of the tests above, when this program was started as
+// their writer; skipped otherwise.
+TEST(InspectWriterProcess, Run) {
+  const char * role = std::getenv(WriterVariable);
+  if (role == nullptr) {
+    GTEST_SKIP() << "runs only as the writer process of InspectLoadWatch";
+  }
+  char collection[128] = {};
+  char kind[16] = {};
+  int ready = -1;
+  int go = -1;
+  if (std::sscanf(role, "%127s %15s %d %d", collection, kind, &ready, &go) != 4) {
+    ::_exit(4);
+  }
+  ::_exit(runWriterOf<L3IifTH3Config, L3IifTH3Status, L3TunnelTH3Config, L3TunnelTH3Status, MyStationTcamTH3Config,
+                      MyStationTcamTH3Status>(collection, kind, ready, go));
+}
