@@ -431,7 +431,8 @@ std::string stat(const std::string & table, bool json) {
   const Cairn::SlotTableHeader slots = files.slotHeader();
   const Cairn::BucketTableHeader buckets = files.bucketHeader();
   const pid_t pid = files.writerPid();
-  nlohmann::json row = {
+  // In the order an operator reads them, in text and JSON alike.
+  nlohmann::ordered_json row = {
       {"table", files.name()},
       {"directory", files.directory()},
       {"type", Cairn::SlotTableHeader::name(slots.valueType)},
@@ -457,7 +458,7 @@ std::string stat(const std::string & table, bool json) {
                     {"corralEnd", queue->control.corralEnd}};
   }
   const auto marker = files.corruptionMarker();
-  row["corruptionMarker"] = marker ? nlohmann::json(*marker) : nlohmann::json(nullptr);
+  row["corruptionMarker"] = marker ? nlohmann::ordered_json(*marker) : nlohmann::ordered_json(nullptr);
   if (json) {
     return row.dump(2) + "\n";
   }
