@@ -157,6 +157,13 @@ bool serveUntil(const std::function<bool()> & done, std::chrono::milliseconds ti
 
 bool phaseAtLeast(uint32_t phase) { return shared->phase.load() >= phase; }
 
+// Serves the loop until the run reaches `phase`; raises `failure` after a minute.
+void awaitPhase(uint32_t phase, const char * failure) {
+  if (!serveUntil([phase] { return phaseAtLeast(phase); }, std::chrono::seconds(60))) {
+    throw std::runtime_error(failure);
+  }
+}
+
 void fail(const std::string & text) {
   if (shared->failures.fetch_add(1) == 0) {
     std::snprintf(shared->failure, sizeof shared->failure, "%s", text.c_str());
@@ -172,9 +179,7 @@ void configAgent(const Options & options) {
       },
       families);
   shared->phase = Shared::TablesMade;
-  if (!serveUntil([] { return phaseAtLeast(Shared::HardwareReady); }, std::chrono::seconds(60))) {
-    throw std::runtime_error("the hardware agent did not start");
-  }
+  awaitPhase(Shared::HardwareReady, "the hardware agent did not start");
   std::mt19937 random(20261125);
   for (uint32_t burst = 0; burst < options.bursts; ++burst) {
     for (uint32_t operation = 0; operation < options.burstSize; ++operation) {
@@ -251,9 +256,7 @@ void reflect(Config & config, Status & status, const typename Config::Key & key)
 }
 
 void hardwareAgent(const Options & options) {
-  if (!serveUntil([] { return phaseAtLeast(Shared::TablesMade); }, std::chrono::seconds(60))) {
-    throw std::runtime_error("the config agent made no tables");
-  }
+  awaitPhase(Shared::TablesMade, "the config agent made no tables");
   const auto configRoot = Rig::make<Rig::Directory>(Rig::Name("config"));
   const auto statusRoot = Rig::make<Rig::Directory>(Rig::Name("status"));
   std::vector<std::function<bool()>> ready;
@@ -295,9 +298,7 @@ std::map<std::string, uint64_t> walkChecked(C & collection) {
 }
 
 void reader(const Options & options) {
-  if (!serveUntil([] { return phaseAtLeast(Shared::HardwareReady); }, std::chrono::seconds(60))) {
-    throw std::runtime_error("the agents did not start");
-  }
+  awaitPhase(Shared::HardwareReady, "the agents did not start");
   const auto configRoot = Rig::make<Rig::Directory>(Rig::Name("config"));
   const auto statusRoot = Rig::make<Rig::Directory>(Rig::Name("status"));
   std::vector<std::function<bool()>> walks;
