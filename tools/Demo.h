@@ -24,7 +24,7 @@ namespace Demo {
 
 struct Options {
   uint32_t keys = 4000;       // keys per table
-  uint32_t bursts = 40;       // bursts of config writes
+  uint32_t bursts = 200;      // bursts of config writes, 2 ms apart
   uint32_t burstSize = 1000;  // operations per burst
   bool keep = false;          // leave the tables for tessel ls/dump/watch
 };
