@@ -363,15 +363,13 @@ Percentiles percentiles(std::vector<uint64_t> samples) {
   return {at(0.5), at(0.99), at(0.999), static_cast<double>(samples.back())};
 }
 
-void printProgress(bool terminal, double seconds) {
-  const std::string line = fmt::format(
-      "{:6.1f} s  config ops {:>8}  notifications {:>8}  status writes {:>8}  reader walks {:>5} entries {:>9} bad {}",
+// The progress line, drawn again in its place (on a terminal only).
+void printProgress(double seconds) {
+  fmt::print(
+      "\r{:6.1f} s  config ops {:>8}  notifications {:>8}  status writes {:>8}  reader walks {:>5} entries {:>9} bad {}",
       seconds, shared->configOps.load(), shared->notifications.load(), shared->statusWrites.load(),
       shared->readerWalks.load(), shared->readerEntries.load(), shared->readerBad.load());
-  if (terminal) {
-    fmt::print("\r{}", line);
-    std::fflush(stdout);
-  }
+  std::fflush(stdout);
 }
 
 }  // namespace
@@ -407,11 +405,15 @@ int run(const Options & options) {
       fail("the Status tables did not come to match the Config tables");
       break;
     }
-    printProgress(terminal, elapsed());
+    if (terminal) {
+      printProgress(elapsed());
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(terminal ? 100 : 20));
   }
   const double seconds = elapsed();
-  printProgress(terminal, seconds);
+  if (terminal) {
+    printProgress(seconds);
+  }
   shared->phase = Shared::Stop;
   bool exitedWell = true;
   for (const pid_t child : children) {

@@ -89,13 +89,14 @@ class Validator : public Basalt::Debuggable, public OccupiedMarks {
     Value value;
     IterHint hint;
     if (writer_->map().first(0, value, hint)) {
+      const auto & progress = writer_->validationProgress();
       uint32_t walked = 1;
       bool more = true;
       while (more && walked <= occupiedSlots()) {
         more = writer_->next(Ops::KeyOperations::key(value), value, hint);
         walked += more ? 1 : 0;
-        if (writer_->validationProgress() && walked % ProgressStep == 0) {
-          writer_->validationProgress()(walked, occupiedSlots());
+        if (progress && walked % ProgressStep == 0) {
+          progress(walked, occupiedSlots());
         }
       }
       if (more) {

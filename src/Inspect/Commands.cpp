@@ -17,6 +17,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "ArenaFiles/EpochFile.h"
+#include "ArenaFiles/OwnerFile.h"
 #include "Basalt/DebugHandler.h"
 #include "Basalt/Exception.h"
 #include "Cairn/CairnMap.h"
@@ -26,10 +28,12 @@
 #include "Cairn/IterHint.h"
 #include "Cairn/MapDescriptor.h"
 #include "Cairn/RootPath.h"
+#include "Cairn/SlotTable.h"
 #include "Inspect/Json.h"
 #include "Inspect/TableFiles.h"
 #include "Inspect/TableTypes.h"
 #include "Loop/EventLoop.h"
+#include "Ripple/RippleFormat.h"
 #include "Rig/Exception.h"
 #include "Rig/ValueText.h"
 
@@ -133,8 +137,9 @@ class PrivateCopy {
     base_ = base;
     const std::filesystem::path directory = base_ / Cairn::RootPath(silentHandler(), files.name(), true).cairnName();
     std::filesystem::create_directories(directory);
-    for (const char * file : {"slots", "buckets", "ripple-control", "ripple-primary", "ripple-secondary", "epoch",
-                              "owner"}) {
+    for (const char * file : {Cairn::SlotFileName, Cairn::BucketFileName, Ripple::ControlFileName,
+                              Ripple::PrimaryFileName, Ripple::SecondaryFileName, ArenaFiles::EpochFile::EPOCH_NAME,
+                              ArenaFiles::OwnerFile::FILENAME}) {
       std::error_code error;
       std::filesystem::copy_file(std::filesystem::path(files.directory()) / file, directory / file, error);
     }
@@ -209,24 +214,30 @@ std::string lastValidationText(const TableFiles & files) {
   return seconds == 0 ? std::string("unknown") : fmt::format("{:%FT%TZ}", fmt::gmtime(static_cast<std::time_t>(seconds)));
 }
 
-nlohmann::json summary(const std::string & name) {
-  nlohmann::json row = {{"table", name}};
+// What ls and stat both tell of a table, in the order an operator reads it.
+nlohmann::ordered_json tableFields(const TableFiles & files, const Cairn::SlotTableHeader & header) {
+  const pid_t pid = files.writerPid();
+  return {
+      {"table", files.name()},
+      {"type", Cairn::SlotTableHeader::name(header.valueType)},
+      {"class", Cairn::SlotTableHeader::name(header.classType)},
+      {"entries", header.occupiedSlots},
+      {"capacity", header.numSlots.value},
+      {"maxSlots", header.maxSlots},
+      {"writerPid", pid},
+      {"writerAlive", TableFiles::processAlive(pid)},
+      {"epoch", fmt::format("{:#010x}", files.epoch())},
+  };
+}
+
+// One row of ls: the table's fields, or its name and why they can't be read.
+nlohmann::ordered_json summary(const std::string & name) {
   try {
     const TableFiles files(name);
-    const Cairn::SlotTableHeader header = files.slotHeader();
-    const pid_t pid = files.writerPid();
-    row["type"] = Cairn::SlotTableHeader::name(header.valueType);
-    row["class"] = Cairn::SlotTableHeader::name(header.classType);
-    row["entries"] = header.occupiedSlots;
-    row["capacity"] = header.numSlots.value;
-    row["maxSlots"] = header.maxSlots;
-    row["writerPid"] = pid;
-    row["writerAlive"] = TableFiles::processAlive(pid);
-    row["epoch"] = fmt::format("{:#010x}", files.epoch());
+    return tableFields(files, files.slotHeader());
   } catch (const Error & error) {
-    row["error"] = error.what();
+    return {{"table", name}, {"error", error.what()}};
   }
-  return row;
 }
 
 // The entries of a dump: the text forms, one a line, or a JSON array.
@@ -295,12 +306,14 @@ std::vector<typename T::Entry> entriesOf(const std::string & table, const Dump &
   return entries;
 }
 
+// Writes the dump's entries into `table` as its writer: into the table
+// `existing` as it is, or into a new one of `maxSlots` entries.
 template <typename T>
-std::string loadAs(const std::string & table, const Dump & dump, uint32_t maxSlots, bool exists) {
+std::string loadAs(const std::string & table, const Dump & dump, uint32_t maxSlots, const TableFiles * existing) {
   const std::vector<typename T::Entry> entries = entriesOf<T>(table, dump);
   std::string classType = T::classType();
-  if (exists) {
-    const Cairn::SlotTableHeader header = TableFiles(table).slotHeader();
+  if (existing != nullptr) {
+    const Cairn::SlotTableHeader header = existing->slotHeader();
     maxSlots = header.maxSlots;
     classType = Cairn::SlotTableHeader::name(header.classType);
   } else if (maxSlots == 0) {
@@ -312,8 +325,6 @@ std::string loadAs(const std::string & table, const Dump & dump, uint32_t maxSlo
       writer->write(typename T::Value(entry), true);
     }
     return fmt::format("table {}: {} entries loaded, {} in the table\n", table, entries.size(), writer->members());
-  } catch (const Error &) {
-    throw;
   } catch (const std::exception & exception) {
     throw Error(1, fmt::format("table {}: cannot load: {}", table, exception.what()));
   }
@@ -374,7 +385,7 @@ void watchAs(const TableFiles & files, uint64_t count, const std::function<void(
 }  // namespace
 
 std::string ls(bool json) {
-  nlohmann::json rows = nlohmann::json::array();
+  nlohmann::ordered_json rows = nlohmann::ordered_json::array();
   for (const std::string & name : TableFiles::list()) {
     rows.push_back(summary(name));
   }
@@ -430,25 +441,13 @@ std::string stat(const std::string & table, bool json) {
   const TableFiles files(table);
   const Cairn::SlotTableHeader slots = files.slotHeader();
   const Cairn::BucketTableHeader buckets = files.bucketHeader();
-  const pid_t pid = files.writerPid();
-  // In the order an operator reads them, in text and JSON alike.
-  nlohmann::ordered_json row = {
-      {"table", files.name()},
-      {"directory", files.directory()},
-      {"type", Cairn::SlotTableHeader::name(slots.valueType)},
-      {"class", Cairn::SlotTableHeader::name(slots.classType)},
-      {"entries", slots.occupiedSlots},
-      {"capacity", slots.numSlots.value},
-      {"maxSlots", slots.maxSlots},
-      {"mostSlots", slots.mostSlots},
-      {"fillPercent", slots.numSlots.value == 0 ? 0.0 : 100.0 * slots.occupiedSlots / slots.numSlots.value},
-      {"buckets", buckets.numBuckets.value},
-      {"epoch", fmt::format("{:#010x}", files.epoch())},
-      {"lastValidation", lastValidationText(files)},
-      {"writeInProgress", (slots.runtimeFlags & 1) != 0},
-      {"writerPid", pid},
-      {"writerAlive", TableFiles::processAlive(pid)},
-  };
+  nlohmann::ordered_json row = tableFields(files, slots);
+  row["directory"] = files.directory();
+  row["mostSlots"] = slots.mostSlots;
+  row["fillPercent"] = slots.numSlots.value == 0 ? 0.0 : 100.0 * slots.occupiedSlots / slots.numSlots.value;
+  row["buckets"] = buckets.numBuckets.value;
+  row["lastValidation"] = lastValidationText(files);
+  row["writeInProgress"] = (slots.runtimeFlags & 1) != 0;
   if (const auto queue = files.queueHeaders()) {
     const uint32_t current = queue->control.swapCount & 1;
     row["queue"] = {{"swaps", queue->control.swapCount},
@@ -476,18 +475,10 @@ CheckResult check(const std::string & table, const CheckProgress & progress) {
   return result;
 }
 
-
 std::string load(const std::string & table, const std::string & dumpFile, const std::string & valueType,
                  uint32_t maxSlots) {
   const Dump dump = readDump(table, dumpFile);
-  std::optional<TableFiles> files;
-  try {
-    files.emplace(table);
-  } catch (const Error & error) {
-    if (std::string(error.what()).find("no table at") == std::string::npos) {
-      throw;
-    }
-  }
+  const std::optional<TableFiles> files = TableFiles::find(table);
   std::string type = files ? Cairn::SlotTableHeader::name(files->slotHeader().valueType)
                            : (valueType.empty() ? dump.valueType : valueType);
   if (type.empty()) {
@@ -498,7 +489,7 @@ std::string load(const std::string & table, const std::string & dumpFile, const 
   }
   std::string result;
   withTableType(table, type, [&](auto tableType) {
-    result = loadAs<decltype(tableType)>(table, dump, maxSlots, files.has_value());
+    result = loadAs<decltype(tableType)>(table, dump, maxSlots, files ? &*files : nullptr);
   });
   return result;
 }

@@ -65,10 +65,19 @@ std::string rootDirectory(const std::string & name) {
 }  // namespace
 
 TableFiles::TableFiles(const std::string & name) : name_(name), directory_(rootDirectory(name)) {
-  std::error_code error;
-  if (!std::filesystem::is_regular_file(directory_ + "/" + Cairn::SlotFileName, error)) {
+  if (!present()) {
     throw Error(2, fmt::format("table {}: no table at {}", name_, directory_));
   }
+}
+
+std::optional<TableFiles> TableFiles::find(const std::string & name) {
+  TableFiles files(name, rootDirectory(name));
+  return files.present() ? std::optional<TableFiles>(std::move(files)) : std::nullopt;
+}
+
+bool TableFiles::present() const {
+  std::error_code error;
+  return std::filesystem::is_regular_file(directory_ + "/" + Cairn::SlotFileName, error);
 }
 
 Cairn::SlotTableHeader TableFiles::slotHeader() const {

@@ -13,6 +13,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Basalt/DebugHandler.h"
@@ -48,6 +49,8 @@ class TableFiles {
   // The table `name` under the base. Error 2 for a name the engine refuses
   // or a table whose slot file is not there.
   explicit TableFiles(const std::string & name);
+  // The same, absent when the table is not there (Error 2 for a bad name).
+  static std::optional<TableFiles> find(const std::string & name);
 
   const std::string & name() const { return name_; }
   const std::string & directory() const { return directory_; }
@@ -79,6 +82,9 @@ class TableFiles {
   static std::vector<std::string> list();
 
  private:
+  TableFiles(std::string name, std::string directory) : name_(std::move(name)), directory_(std::move(directory)) {}
+  bool present() const;
+
   std::string name_;
   std::string directory_;
 };

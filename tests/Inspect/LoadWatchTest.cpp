@@ -64,8 +64,20 @@ void writeFile(const std::string & path, const std::string & text) {
 // loop all the while, as a writer must: readers connect through it.
 constexpr const char * WriterVariable = "TESSEL_INSPECT_WRITER";
 
+// The writer process, once it has filled the table: its pid (-1 when it did
+// not start) and the end of `go` this process writes to.
+struct WriterProcess {
+  pid_t pid;
+  int go;
+};
+
 template <typename C>
-pid_t startWriter(const char * role, int (&ready)[2], int (&go)[2]) {
+WriterProcess startWriter(const char * role) {
+  int ready[2];
+  int go[2];
+  if (::pipe(ready) != 0 || ::pipe(go) != 0) {
+    return {-1, -1};
+  }
   const pid_t child = ::fork();
   if (child == 0) {
     ::close(ready[0]);
@@ -78,7 +90,10 @@ pid_t startWriter(const char * role, int (&ready)[2], int (&go)[2]) {
   }
   ::close(ready[1]);
   ::close(go[0]);
-  return child;
+  char byte;
+  const bool started = child > 0 && ::read(ready[0], &byte, 1) == 1;
+  ::close(ready[0]);
+  return {started ? child : -1, go[1]};
 }
 
 template <typename C>
@@ -197,21 +212,15 @@ TYPED_TEST(InspectLoadWatch, ABadDumpIsRefusedNamingTheEntryAndWritesNothing) {
 
 TYPED_TEST(InspectLoadWatch, AWatcherSeesEveryChangeAWriterInAnotherProcessMakesAfterItMounted) {
   using T = typename TestFixture::T;
-  int ready[2];
-  int go[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  ASSERT_EQ(::pipe(go), 0);
-  const pid_t child = startWriter<TypeParam>("changes", ready, go);
-  ASSERT_GT(child, 0);
-  char byte;
-  ASSERT_EQ(::read(ready[0], &byte, 1), 1) << "the writer did not start";
+  const WriterProcess writer = startWriter<TypeParam>("changes");
+  ASSERT_GT(writer.pid, 0) << "the writer did not start";
   std::vector<nlohmann::json> lines;
   Inspect::watch(
       this->Source, 7, [&](const std::string & line) { lines.push_back(nlohmann::json::parse(line)); },
-      [&] { ASSERT_EQ(::write(go[1], "g", 1), 1); });
-  ::close(go[1]);
+      [&] { ASSERT_EQ(::write(writer.go, "g", 1), 1); });
+  ::close(writer.go);
   int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_EQ(::waitpid(writer.pid, &status, 0), writer.pid);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   ASSERT_EQ(lines.size(), 7u);
   uint64_t lastSequence = 0;
@@ -230,20 +239,16 @@ TYPED_TEST(InspectLoadWatch, AWatcherSeesEveryChangeAWriterInAnotherProcessMakes
 }
 
 TYPED_TEST(InspectLoadWatch, StatAndLsTellAWriterInAnotherProcessAliveThenGone) {
-  int ready[2];
-  int go[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  ASSERT_EQ(::pipe(go), 0);
-  const pid_t child = startWriter<TypeParam>("stays", ready, go);
-  ASSERT_GT(child, 0);
-  char byte;
-  ASSERT_EQ(::read(ready[0], &byte, 1), 1) << "the writer did not start";
+  const WriterProcess writer = startWriter<TypeParam>("stays");
+  ASSERT_GT(writer.pid, 0) << "the writer did not start";
+  const pid_t child = writer.pid;
   const auto alive = nlohmann::json::parse(Inspect::stat(this->Source, true));
   EXPECT_EQ(alive["writerPid"], child);
   EXPECT_EQ(alive["writerAlive"], true);
   EXPECT_EQ(alive["entries"], 10u);
   EXPECT_EQ(nlohmann::json::parse(Inspect::ls(true))[0]["writerPid"], child);
   ::kill(child, SIGKILL);
+  ::close(writer.go);
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   const auto gone = nlohmann::json::parse(Inspect::stat(this->Source, true));
