@@ -22,7 +22,8 @@
 //     has moved (doMaybeShrinkSlots, moveDown).
 // The runtimeFlags bit WriteInProgress is set while an operation changes the
 // file and stays set when one leaves by an exception: a mark of a writer that
-// stopped inside a change.
+// stopped inside a change. The next writer then mends what such a stop can
+// leave half made (Cairn/Repair.h) before it validates the table.
 
 #include <unistd.h>
 
@@ -45,6 +46,7 @@
 #include "Cairn/CairnInterface.h"
 #include "Cairn/MapDescriptor.h"
 #include "Cairn/Operations.h"
+#include "Cairn/Repair.h"
 #include "Cairn/SlotWriter.h"
 #include "Cairn/Util.h"
 #include "Cairn/Validator.h"
@@ -238,6 +240,7 @@ class CairnWriter : public CairnInterface<Key, Value>,
     BASALT_ASSERT(directSlot_ != NoDirectSlot, "Cairn/CairnWriter",
                   "CairnWriter::directCommit() not in direct mode! Make sure the DirectIs/Commit are "
                   "properly paired!");
+    writeInProgressIs(true);  // directUpdate cleared it
     const uint32_t index = directSlot_;
     Slot * slot = slots_.slots()[index];
     if (directNew_) {
@@ -290,7 +293,9 @@ class CairnWriter : public CairnInterface<Key, Value>,
     if (directSlot_ != NoDirectSlot || directNew_) {
       return;  // an open direct operation holds a slot; the next remove asks again
     }
+    writeInProgressIs(true);
     doMaybeShrinkSlots(shrinkArgument());
+    writeInProgressIs(false);
   }
 
   // Gives the top of the slot file back when the table has emptied to below
@@ -446,10 +451,17 @@ class CairnWriter : public CairnInterface<Key, Value>,
                    dumpHeaders(), ownerFile.headerToString());
       return false;
     }
+    const bool interrupted = !reformat && (slots_.header()->runtimeFlags & WriteInProgress);
+    if (interrupted) {
+      Repair<Key, Value, Ops>(debugHandler(), rootPath_.cairnName(), slots_, map_, ripple_).run();
+    }
     Validator<Key, Value, Ops> validator(*this);
     if (!runValidator(validator, [&] { return validator.validate(epochId_); })) {
       failedValidation(reformat, ownerFile);
       return false;
+    }
+    if (interrupted) {
+      writeInProgressIs(false);  // what the stopped operation left is mended, or was whole
     }
     if (localMem_) {
       return true;

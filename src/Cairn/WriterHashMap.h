@@ -295,6 +295,25 @@ class WriterHashMap : public Basalt::Debuggable {
     shrinkBucketsThreshold_ = oldCount / 8;
   }
 
+  // Mends a doubling that stopped between its passes, or a halving that
+  // stopped inside its splice pass: in both, a lower bucket's chain runs on
+  // into its twin's slots or ends on its twin's terminator. Cutting each such
+  // chain where its twin's slots begin leaves every chain its own bucket's
+  // under the published count. Chains already cut are not touched. Returns
+  // how many it cut; throws CorruptionDetectedException on a chain longer
+  // than the table.
+  uint32_t cutChainsAtTwins() {
+    const uint32_t count = buckets_.numBuckets();
+    uint32_t cut = 0;
+    for (uint32_t bucket = 0; bucket < count / 2; ++bucket) {
+      if (runsIntoTwin(bucket, count)) {
+        cutAtTwin(bucket, count);
+        ++cut;
+      }
+    }
+    return cut;
+  }
+
   BucketWriterTable & buckets() { return buckets_; }
   const BucketWriterTable & buckets() const { return buckets_; }
   uint32_t growBucketsThreshold() const { return growBucketsThreshold_; }
@@ -350,6 +369,23 @@ class WriterHashMap : public Basalt::Debuggable {
       link = at->value();
     }
     at->storeNext(SlotLink::nextBucketLink(bucket + count / 2));
+  }
+
+  // True if `bucket`'s chain (a lower bucket under `count`) holds a slot of
+  // another bucket, or ends anywhere but on its twin.
+  bool runsIntoTwin(uint32_t bucket, uint32_t count) const {
+    uint32_t link = buckets_[bucket]->value();
+    for (uint32_t steps = 0; !(link & NextBucketBit); ++steps) {
+      if (steps > slots_->capacity()) {
+        throw Basalt::CorruptionDetectedException(
+            fmt::format("WriterHashMap::runsIntoTwin() bucket:{} chain longer than the table", bucket));
+      }
+      if (bucketOfSlot(link, count) != bucket) {
+        return true;
+      }
+      link = slots_->slots()[link]->link.value();
+    }
+    return link != SlotLink::nextBucketLink(bucket + count / 2);
   }
 
   SlotLink * lastLinkOf(uint32_t bucket) const {
