@@ -55,10 +55,13 @@ inline std::vector<uint64_t> shuffled(uint64_t first, uint64_t count) {
   return numbers;
 }
 
-// A fresh directory for the tables (in /dev/shm when there is room), set as
-// the tables' base directory for this process and its children.
+// A fresh directory for the tables, set as the tables' base directory for
+// this process and its children: in TESSEL_BENCH_BASE when that names a
+// directory (a tmpfs mounted with huge pages, to compare), else in /dev/shm
+// when there is room.
 inline std::string tableBase() {
-  std::string base = "/dev/shm/tessel-bench-XXXXXX";
+  const char * parent = std::getenv("TESSEL_BENCH_BASE");
+  std::string base = std::string(parent != nullptr ? parent : "/dev/shm") + "/tessel-bench-XXXXXX";
   if (mkdtemp(base.data()) == nullptr) {
     base = (std::filesystem::temp_directory_path() / "tessel-bench-XXXXXX").string();
     if (mkdtemp(base.data()) == nullptr) {

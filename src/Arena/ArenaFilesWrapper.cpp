@@ -55,6 +55,7 @@ void * ArenaFilesWrapper::attach(std::size_t size, Mode mode) {
     }
   }
   adviseDump();
+  adviseHugePages();
   BASALT_TRACE(handler_, 5, "ArenaFilesWrapper::attach() {} {} bytes at {}", path_, memSize(), mapped);
   return mapped;
 }
@@ -82,6 +83,7 @@ void * ArenaFilesWrapper::resize(std::size_t size) {
     }
   }
   adviseDump();
+  adviseHugePages();
   BASALT_TRACE(handler_, 5, "ArenaFilesWrapper::resize() {} to {} bytes, base {} -> {}", path_, size, old,
                mapped);
   return mapped;
@@ -176,6 +178,20 @@ bool ArenaFilesWrapper::adviseDump() {
     return false;
   }
   return true;
+}
+
+// A large table's lookups miss the TLB on nearly every slot with 4 KiB
+// pages. Where the file system lets it (a tmpfs mounted with huge=advise, or
+// huge=within_size / always, which need no advice), the kernel then backs the
+// mapping with 2 MiB pages. The advice changes no byte and no mapping: a
+// system that refuses it (no transparent huge pages) only keeps small pages.
+void ArenaFilesWrapper::adviseHugePages() {
+  if (local_ || base_ == nullptr || mapped_ < HugePageSize) {
+    return;
+  }
+  if (madvise(base_, mapped_, MADV_HUGEPAGE) != 0) {
+    BASALT_TRACE(handler_, 5, "ArenaFilesWrapper::adviseHugePages() {} keeps small pages: {}", path_, errorText());
+  }
 }
 
 void * ArenaFilesWrapper::base() const { return local_ ? local_->base() : base_; }

@@ -55,6 +55,10 @@
 // (Basalt::Util::includeShmemInCore). False when madvise fails (traced at
 // level 0); the choice is kept all the same.
 //
+// A file mapping of at least HugePageSize bytes is advised for huge pages
+// (MADV_HUGEPAGE) at every attach and resize; the tmpfs the tables live on
+// decides whether the kernel follows the advice (docs/PERFORMANCE.md).
+//
 // With `localMem`, a block of Arena::Local (on the heap with `useHeap`) takes
 // the file's place: nothing is created on disk, fileSize() is memSize(), and
 // the directory and name serve only in texts.
@@ -72,6 +76,8 @@ namespace Arena {
 class ArenaFilesWrapper {
  public:
   enum class Mode { ReadWrite, ReadOnly };
+
+  static constexpr std::size_t HugePageSize = std::size_t{2} << 20;
 
   // `directory` holds the table's files; `localMem` backs the wrapper by
   // private memory, and then the directory and name serve only in texts.
@@ -113,6 +119,7 @@ class ArenaFilesWrapper {
   std::optional<std::size_t> openFileLength(const char * method);
   // Applies the dump-to-core choice, if one was made, to the present mapping.
   bool adviseDump();
+  void adviseHugePages();
   // Releases the mapping, records `what` as the reason, traces it; returns null.
   void * fail(const char * method, std::string what);
 

@@ -1,42 +1,20 @@
 // dumpToCoreIs: the kernel's view of a mapping, read from /proc/self/smaps,
 // where "dd" among a mapping's VmFlags means "do not dump".
 
-#include <cstdint>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "Arena/ArenaFilesWrapper.h"
+#include "Arena/MappingFlags.h"
 #include "Arena/Memory.h"
 #include "Support/TempDir.h"
 
 namespace {
 
-// The VmFlags of the mapping that holds `address`, or "" when none does.
-std::string vmFlagsAt(const void * address) {
-  const auto wanted = reinterpret_cast<uintptr_t>(address);
-  std::ifstream smaps("/proc/self/smaps");
-  std::string line;
-  bool inside = false;
-  while (std::getline(smaps, line)) {
-    uintptr_t start = 0;
-    uintptr_t end = 0;
-    char dash = 0;
-    std::istringstream range(line);
-    if (line.find("VmFlags:") == 0) {
-      if (inside) {
-        return line.substr(8) + " ";
-      }
-    } else if (range >> std::hex >> start >> dash >> end && dash == '-') {
-      inside = start <= wanted && wanted < end;
-    }
-  }
-  return "";
+bool excludedFromCore(const void * address) {
+  return ArenaTest::vmFlagsAt(address).find(" dd ") != std::string::npos;
 }
-
-bool excludedFromCore(const void * address) { return vmFlagsAt(address).find(" dd ") != std::string::npos; }
 
 class ArenaFilesWrapperDumpTest : public ::testing::TestWithParam<bool> {
  protected:
@@ -52,7 +30,7 @@ TEST_P(ArenaFilesWrapperDumpTest, MappingFollowsTheChoice) {
   void * base = wrapper_.attach(4 * page_);
   ASSERT_NE(base, nullptr);
   EXPECT_FALSE(wrapper_.dumpToCore().has_value()) << "no choice until one is made";
-  ASSERT_NE(vmFlagsAt(base), "");
+  ASSERT_NE(ArenaTest::vmFlagsAt(base), "");
   EXPECT_FALSE(excludedFromCore(base));
 
   EXPECT_TRUE(wrapper_.dumpToCoreIs(false));
