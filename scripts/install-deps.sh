@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs, as root, the Debian 12 packages this project builds with. Does
-# nothing when they are all present already.
+# nothing when they are all present already. With "bench", also those of the
+# benchmarks' peers (bench/PeersBench.cpp).
 set -euo pipefail
 
 packages=(
@@ -13,6 +14,13 @@ packages=(
   libgtest-dev libgmock-dev
   libbenchmark-dev
 )
+if [[ ${1:-} == bench ]]; then
+  packages+=(
+    libabsl-dev    # absl::flat_hash_map, the in-process baseline
+    libboost-dev   # Boost.Interprocess, a shared-memory map under a lock
+    liblmdb-dev    # LMDB, a memory-mapped store with read transactions
+  )
+fi
 
 missing=()
 for package in "${packages[@]}"; do
