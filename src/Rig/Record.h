@@ -47,6 +47,11 @@ struct Field {
   bool readOnly = false;
 };
 
+// Deduces a Field's types from its member, for compilers without deduction of
+// aggregates' template arguments (clang before 17).
+template <typename Owner, typename T>
+Field(std::string_view, unsigned, T Owner::*, bool = false) -> Field<Owner, T>;
+
 template <typename T>
 struct Layout;
 
