@@ -13,6 +13,7 @@ packages=(
   libcli11-dev        # the command line of tools/tessel
   libgtest-dev libgmock-dev
   libbenchmark-dev
+  clang-14 libclang-rt-14-dev  # the fuzz targets (./run fuzz): clang and its libFuzzer runtime
 )
 if [[ ${1:-} == bench ]]; then
   packages+=(

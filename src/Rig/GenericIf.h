@@ -202,8 +202,12 @@ struct HashOperation {
 
 struct KeyIsOperation {
   static constexpr const char * name = "keyIs";
+  // T::KeyType is named inside the requirement, where a T without one makes
+  // the requirement false; named among its parameters, clang rejects such a T
+  // outright.
   template <typename T>
-  static constexpr bool applies = requires(T & value, const typename T::KeyType & key) { value.keyIs(key); };
+  static constexpr bool applies =
+      requires(T & value) { value.keyIs(std::declval<const typename T::KeyType &>()); };
   template <typename T>
   static constexpr const RigType * result() {
     return nullptr;

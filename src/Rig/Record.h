@@ -16,7 +16,9 @@
 // Text form:  Value('<typeName>', ** {'<field>': <text>, '<field>': <text>})
 // Parsing demands exactly that: every literal in order, no other blanks, no
 // missing, extra or reordered fields; each value is read by
-// Rig::deserializeAttr with the field's name, so a failure names the field.
+// Rig::deserializeAttr with the field's name, so a failure names the field,
+// and must be written as its value prints (Rig::needCanonicalText), so that a
+// record has one text and every text a record takes prints back as it was.
 //
 // Field texts: bools and unsigned numbers by Rig::valueToStrep (numbers
 // widened to 64 bits); any other type by a valueToStrep found in its own
@@ -46,6 +48,11 @@ struct Field {
   T Owner::*member;
   bool readOnly = false;
 };
+
+// Deduces a Field's types from its member, for compilers without deduction of
+// aggregates' template arguments (clang before 17).
+template <typename Owner, typename T>
+Field(std::string_view, unsigned, T Owner::*, bool = false) -> Field<Owner, T>;
 
 template <typename T>
 struct Layout;
@@ -119,7 +126,13 @@ template <Described T>
 void parse(T & value, Cursor & cursor, Cursor end) {
   auto readField = [&](const auto & field) {
     using FieldType = std::remove_cvref_t<decltype(value.*field.member)>;
+    Cursor start = cursor;
     value.*field.member = Rig::deserializeAttr<FieldType>(cursor, end, field.name);
+    // A record inside a record is held to this by its own parse.
+    if constexpr (!Described<FieldType>) {
+      needCanonicalText(field.name, std::string_view(start, cursor),
+                        fieldText(value.*field.member));
+    }
   };
   if constexpr (isBare<T>()) {
     forEachField<T>(readField);

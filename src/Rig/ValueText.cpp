@@ -61,6 +61,15 @@ void needString(Cursor & cursor, Cursor end, std::string_view literal) {
   cursor += static_cast<std::ptrdiff_t>(literal.size());
 }
 
+void needCanonicalText(std::string_view attributeName, std::string_view found,
+                       std::string_view canonical) {
+  if (found != canonical) {
+    throw ParseException(
+        fmt::format("Rig::needCanonicalText() attribute '{}': expected \"{}\", found \"{}\"",
+                    attributeName, canonical, found));
+  }
+}
+
 void strepToValueEnd(const String & text, Cursor cursor) {
   if (cursor != text.end()) {
     throw ParseException(fmt::format("Rig::strepToValueEnd() unexpected text after value: \"{}\"",

@@ -31,6 +31,14 @@ String valueToStrep(const String & value);
 // naming what was expected and what was found.
 void needString(Cursor & cursor, Cursor end, std::string_view literal);
 
+// Demands that `found`, the text a value of attribute `attributeName` was
+// parsed from, be `canonical`, the text that value prints as. The value
+// parsers also take other spellings of a value (leading zeros, upper-case
+// hex, escapes of characters that need none, a number for a named code);
+// a record's text takes none of them. Raises ParseException naming both.
+void needCanonicalText(std::string_view attributeName, std::string_view found,
+                       std::string_view canonical);
+
 // Rejects anything left in `text` behind the cursor.
 void strepToValueEnd(const String & text, Cursor cursor);
 

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Support/TextTesting.h"
 #include "TesselHwLib/L3IifTH3.h"
 
 using namespace TesselHwLib;
@@ -78,6 +79,27 @@ TEST(L3IifTH3Key, OutOfRangeNamesTheField) {
   } catch (const Rig::RangeException & exception) {
     EXPECT_NE(std::string(exception.what()).find("'l3Iif'"), std::string::npos) << exception.what();
   }
+}
+
+// The number parser reads "043" as 43, which prints "43": a key's text takes
+// each number only as it prints, so that every text it takes prints back.
+TEST(L3IifTH3Key, LeadingZerosAreRefused) {
+  using RigTesting::messageOf;
+  EXPECT_EQ(messageOf<Rig::ParseException>([] { Rig::strepToValue<L3IifTH3Key>("043"); }),
+            "Rig::needCanonicalText() attribute 'l3Iif': expected \"43\", found \"043\"");
+  EXPECT_EQ(messageOf<Rig::ParseException>([] { Rig::strepToValue<L3IifTH3Key>("00"); }),
+            "Rig::needCanonicalText() attribute 'l3Iif': expected \"0\", found \"00\"");
+}
+
+TEST(L3IifTH3StatusEntry, KeyWithLeadingZerosIsRefused) {
+  const std::string text =
+      "Value('TesselHwLib::L3IifTH3StatusEntry', ** {'genId': 357257325660623161, "
+      "'entryHandle': 16913106386742493832, 'errorCode': success, 'deleted': False, "
+      "'key': 00621180210016061072})";
+  EXPECT_EQ(RigTesting::messageOf<Rig::ParseException>(
+                [&] { Rig::strepToValue<L3IifTH3StatusEntry>(text); }),
+            "Rig::needCanonicalText() attribute 'l3Iif': expected \"621180210016061072\", found "
+            "\"00621180210016061072\"");
 }
 
 TEST(L3IifTH3Key, OrderEqualityAndHash) {

@@ -562,6 +562,36 @@ TEST(L3TunnelTH3KeyStatus, BadTextsFailNamingTheField) {
             "Rig::needString() expected \"'errorCode': \" but found \"'errorMsg': 'x', 'errorC\"");
 }
 
+// The string parser takes raw bytes that print escaped, escapes of
+// characters that print as themselves and upper-case hex; the verdict's text
+// takes its message only as it prints, so that every text it takes prints back.
+TEST(L3TunnelTH3KeyStatus, MessagesWrittenOtherwiseThanTheyPrintAreRefused) {
+  const std::string text =
+      "Value('TesselHwLib::L3TunnelTH3KeyStatus', ** {'errorCode': invalidEntryKey, "
+      "'errorMsg': 'a\\nb'})";
+  auto message = [&](const std::string & written) {
+    return parseMessage<Rig::ParseException, L3TunnelTH3KeyStatus>(
+        replaced(text, "'a\\nb'", written));
+  };
+  EXPECT_EQ(message("'a\nb'"),
+            "Rig::needCanonicalText() attribute 'errorMsg': expected \"'a\\nb'\", found "
+            "\"'a\nb'\"");
+  EXPECT_EQ(message("'a\\x0ab'"),
+            "Rig::needCanonicalText() attribute 'errorMsg': expected \"'a\\nb'\", found "
+            "\"'a\\x0ab'\"");
+  EXPECT_EQ(message("'\\x41'"),
+            "Rig::needCanonicalText() attribute 'errorMsg': expected \"'A'\", found \"'\\x41'\"");
+  EXPECT_EQ(message("'\\x1F'"),
+            "Rig::needCanonicalText() attribute 'errorMsg': expected \"'\\x1f'\", found "
+            "\"'\\x1F'\"");
+  EXPECT_THROW(Rig::strepToValue<L3TunnelTH3KeyStatus>(replaced(text, "'a\\nb'", "'\xbf'")),
+               Rig::ParseException);
+  EXPECT_EQ((parseMessage<Rig::ParseException, L3TunnelTH3KeyStatus>(
+                replaced(text, "invalidEntryKey", "17"))),
+            "Rig::needCanonicalText() attribute 'errorCode': expected \"invalidEntryKey\", found "
+            "\"17\"");
+}
+
 // --- Entries ---------------------------------------------------------------
 
 TEST(L3TunnelTH3ConfigEntry, KeyIsReplacesTheWholeKey) {
@@ -769,6 +799,28 @@ TEST(L3TunnelTH3Key, MalformedAddressesFailNamingTheField) {
   expectBad("255.255.255.0", "255.255.255.0.0", "dipMask");
   expectBad("2001:db8::1", "2001:db8:::1", "dipv6");
   expectBad("unset", "none", "sipv6Mask");
+}
+
+// inet_pton reads upper-case hex, leading zeros in groups and zero groups
+// written out, all of which print otherwise; a key's text takes an address
+// only as it prints, so that every text it takes prints back as it was.
+TEST(L3TunnelTH3Key, AddressesWrittenOtherwiseThanTheyPrintAreRefused) {
+  auto message = [](const std::string & from, const std::string & to) {
+    return parseMessage<Rig::ParseException, L3TunnelTH3Key>(replaced(keyText, from, to));
+  };
+  EXPECT_EQ(message("'dipv6': 2001:db8::1", "'dipv6': 2001:DB8::1"),
+            "Rig::needCanonicalText() attribute 'dipv6': expected \"2001:db8::1\", found "
+            "\"2001:DB8::1\"");
+  EXPECT_EQ(message("'dipv6': 2001:db8::1", "'dipv6': 2001:0db8:0:0:0:0:0:1"),
+            "Rig::needCanonicalText() attribute 'dipv6': expected \"2001:db8::1\", found "
+            "\"2001:0db8:0:0:0:0:0:1\"");
+  EXPECT_EQ(message("'sipv6': ::", "'sipv6': 0::0"),
+            "Rig::needCanonicalText() attribute 'sipv6': expected \"::\", found \"0::0\"");
+  EXPECT_EQ(message("'dipv6Mask': ffff:ffff:ffff:ffff::", "'dipv6Mask': ffff:ffff:ffff:ffff:0:0:0:0"),
+            "Rig::needCanonicalText() attribute 'dipv6Mask': expected \"ffff:ffff:ffff:ffff::\", "
+            "found \"ffff:ffff:ffff:ffff:0:0:0:0\"");
+  EXPECT_EQ(message("'etherType': 2048", "'etherType': 02048"),
+            "Rig::needCanonicalText() attribute 'etherType': expected \"2048\", found \"02048\"");
 }
 
 TEST(L3TunnelTH3Records, OutOfRangeNumbersFailNamingTheField) {

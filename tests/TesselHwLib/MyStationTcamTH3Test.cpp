@@ -461,6 +461,26 @@ TEST(MyStationTcamTH3Records, OutOfRangeNumbersFailNamingTheField) {
             "4294967295");
 }
 
+// The value parsers read "0870" as 870 and "00:1A:..." as 00:1a:...; a
+// record's text takes each value only as it prints, so that every text it
+// takes prints back as it was.
+TEST(MyStationTcamTH3Records, FieldsWrittenOtherwiseThanTheyPrintAreRefused) {
+  EXPECT_EQ((parseMessage<Rig::ParseException, MyStationTcamTH3Key>(
+                replaced(keyText, "'vlanId': 100", "'vlanId': 0100"))),
+            "Rig::needCanonicalText() attribute 'vlanId': expected \"100\", found \"0100\"");
+  EXPECT_EQ((parseMessage<Rig::ParseException, MyStationTcamTH3Key>(
+                replaced(keyText, "00:1a:2b:3c:4d:5e", "00:1A:2b:3c:4d:5e"))),
+            "Rig::needCanonicalText() attribute 'macAddr': expected \"00:1a:2b:3c:4d:5e\", found "
+            "\"00:1A:2b:3c:4d:5e\"");
+  EXPECT_EQ((parseMessage<Rig::ParseException, MyStationTcamTH3StatusEntry>(
+                replaced(statusText, "invalidEntryKey", "17"))),
+            "Rig::needCanonicalText() attribute 'errorCode': expected \"invalidEntryKey\", found "
+            "\"17\"");
+  EXPECT_EQ((parseMessage<Rig::ParseException, MyStationTcamTH3ConfigEntry>(
+                replaced(configText, "'entryId': 3", "'entryId': 03"))),
+            "Rig::needCanonicalText() attribute 'entryId': expected \"3\", found \"03\"");
+}
+
 TEST(MyStationTcamTH3Records, EntryTextsAreStrict) {
   auto swapped = replaced(configText, "'copyToCpu': False, 'discard': True",
                           "'discard': True, 'copyToCpu': False");
