@@ -109,6 +109,7 @@ struct Rig::Record::Layout<TesselHwLib::L3TunnelTH3KeyStatus> {
   // A verdict is made whole: its fields are read-only by attribute.
   static constexpr std::tuple fields{TESSEL_L3TUNNEL_KEY_STATUS_FIELDS(RIG_READ_ONLY_FIELD_DESCRIPTOR)};
 };
+RIG_RECORD_INLINE(TesselHwLib::L3TunnelTH3KeyStatus)
 
 TESSEL_KEY_LAYOUT(L3TunnelTH3Key, TESSEL_L3TUNNEL_KEY_FIELDS, 176);
 TESSEL_ENTRY_LAYOUT(L3TunnelTH3ConfigEntry, P4Runtime::TableConfigEntryBase,
