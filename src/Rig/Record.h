@@ -6,12 +6,15 @@
 //
 // A record type T opts in by
 //   - declaring RIG_RECORD_DECLARE(T) (and RIG_KEY_DECLARE(T) for a key) in
-//     its class, and RIG_RECORD_DEFINE(T) / RIG_KEY_DEFINE(T) in one source;
+//     its class, RIG_RECORD_INLINE(T) (and RIG_KEY_INLINE(T)) in its header
+//     after its Layout, and RIG_RECORD_DEFINE(T) / RIG_KEY_DEFINE(T) in one
+//     source;
 //   - specialising Rig::Record::Layout<T> with
 //       static constexpr std::string_view typeName;   e.g. "TesselHwLib::X"
 //       static constexpr auto fields = std::tuple{Field{...}, ...};
 //     and optionally `static constexpr bool bare = true` for a record of one
-//     field whose text is that field's text alone.
+//     field whose text is that field's text alone, and `static constexpr
+//     std::size_t padding` for a record with a Padding member of that length.
 //
 // Text form:  Value('<typeName>', ** {'<field>': <text>, '<field>': <text>})
 // Parsing demands exactly that: every literal in order, no other blanks, no

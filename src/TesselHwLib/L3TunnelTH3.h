@@ -4,7 +4,7 @@
 // attribute id, byte offset), and every offset and size is asserted at
 // compile time.
 //
-// L3TunnelTH3Key (176 bytes, the last three padding): a TCAM key over the
+// L3TunnelTH3Key (176 bytes, the last three explicit zero padding): a TCAM key over the
 // outer headers of a tunnel packet, IPv4 or IPv6. It has address fields for
 // both families, of which one key may use only those of its etherType;
 // validateEntryKey() tells, in the P4 program's field names, what breaks
