@@ -7,7 +7,6 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build pkg-config
   libfmt-dev          # every trace and message text
-  libxxhash-dev       # the key hash
   nlohmann-json3-dev  # the feature-toggle files (Cairn/Toggle.h)
   libuv1-dev          # the event loop under Loop::UvEventLoop (docs/EVENTLOOP.md)
   libcli11-dev        # the command line of tools/tessel

@@ -331,7 +331,9 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
         throw Basalt::CorruptionDetectedException(fmt::format(
             "CairnReader::doLookup() hash chain cycle detected, slotCount:{} capacity:{}", count, capacity()));
       }
-      const uint64_t read = slotTable_.getValue(link.value, dest, nullptr);
+      // The key alone, whole under the flags protocol: the value is copied
+      // only from the slot whose key is the one wanted.
+      const uint64_t read = slotTable_.getKey(link.value, dest);
       const uint32_t flags = static_cast<uint32_t>(read);
       const uint32_t rhash = static_cast<uint32_t>(read >> 32);
       const Key & slotKey = KeyOperations::key(dest);
@@ -343,6 +345,9 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
         throw Basalt::CorruptionDetectedException(
             fmt::format("CairnReader::doLookup() slot:{} not marked as occupied key:{}", link.value, hex(slotKey)));
       }
+      if (wanted == rhash && KeyOperations::equal(key, slotKey)) {
+        return copyFound(key, prev, link, wanted, dest);
+      }
       if (wanted < rhash || (wanted == rhash && KeyOperations::less(key, slotKey))) {
         // Passed the key's place in split order: not on this chain.
         if (moved(prev, link)) {
@@ -350,10 +355,6 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
         }
         checkBucket(slotKey, bucketIndex, "CairnReader::doLookup() corrupt key detected. key:{} bucketIndex:{}");
         return Pass::NotFound;
-      }
-      if (wanted == rhash && !KeyOperations::less(slotKey, key)) {
-        // The key: a whole value, on this chain when the link was unchanged.
-        return moved(prev, link) ? Pass::Restart : Pass::Found;
       }
       const Slot * slot = slotTable_.slots()[link.value];
       const Arena::VerU32 onward = slot->link.load();
@@ -368,6 +369,19 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
       buckets_[SlotLink::bucketOf(link.value)];  // the bound check alone
     }
     return Pass::NotFound;
+  }
+
+  // The slot of the wanted key: its whole value, copied once. The copy is
+  // judged by itself, as if the key had never been read before: occupied,
+  // the wanted rhash and key, and on this chain when the link was unchanged.
+  // A slot rewritten or reused since its key was read fails one of these,
+  // and the pass starts over.
+  Pass copyFound(const Key & key, const SlotLink * prev, Arena::VerU32 link, uint32_t wanted, Value & dest) const {
+    const uint64_t read = slotTable_.getValue(link.value, dest, nullptr);
+    const uint32_t flags = static_cast<uint32_t>(read);
+    const uint32_t rhash = static_cast<uint32_t>(read >> 32);
+    const bool same = (flags & OCCUPIED) && rhash == wanted && KeyOperations::equal(key, KeyOperations::key(dest));
+    return same && !moved(prev, link) ? Pass::Found : Pass::Restart;
   }
 
   bool first(uint32_t bucket, Value & value, IterHint & hint) const {

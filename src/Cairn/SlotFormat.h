@@ -9,7 +9,7 @@
 //
 //   header                          slot
 //   0   magic "CAIRNSLT"  8         0  link version  4  (+4 per store)
-//   8   version (17)      4         4  link value    4  slot index, next bucket
+//   8   version (18)      4         4  link value    4  slot index, next bucket
 //   12  epochId           4                              (top bit), or EndOfTable
 //   16  platform (2)      4         8  flags         4  OCCUPIED | LOOKASIDE |
 //   20  valueType        64                              version << 2
@@ -53,7 +53,11 @@
 namespace Cairn {
 
 constexpr uint64_t SlotMagic = 0x544C534E52494143ull;  // "CAIRNSLT" read little-endian
-constexpr uint32_t SlotVersion = 17;
+// Version 18: keys placed by the inline word-at-a-time key hash (Rig/Hash.h)
+// and keys with zeroed padding. A file of version 17 placed its keys by
+// XXH32; its chains are not in this build's split order, so it is refused
+// (readers) or formatted afresh (the writer), never read.
+constexpr uint32_t SlotVersion = 18;
 constexpr std::size_t SlotHeaderFixedSize = 192;
 constexpr std::size_t SlotPrefixSize = 16;
 constexpr std::size_t TypeNameSize = 64;

@@ -6,7 +6,9 @@
 //
 // Safe in any reader process; one object belongs to one thread. It never
 // writes a byte of the file: it changes only its own mapping, its copy of the
-// numSlots pair and its anchors.
+// numSlots pair and its anchors. getKey is getValue for the words of the
+// value that hold its key alone: a lookup reads the keys of a chain with it,
+// and copies a whole value only for the slot whose key it wants.
 //
 // What a reader relies on, and checks:
 //  1. numSlots is one 64-bit word; its version moves with every resize, so a
@@ -61,7 +63,7 @@ class SlotReaderTable : public SlotTable<Value> {
 
   SlotReaderTable(Basalt::Platform::DebugHandler & handler, const RootPath & rootPath, Ops & ops,
                   Reader::Counters & counters)
-      : Base(handler, rootPath, false), ops_(&ops), counters_(&counters) {}
+      : Base(handler, rootPath, false), ops_(&ops), counters_(&counters), keyWords_(keyWordsOf(ops.defaultValue)) {}
   ~SlotReaderTable() override { SlotReaderTable::detach(); }
 
   // Maps the header alone, read-only. Nothing is validated here.
@@ -138,31 +140,21 @@ class SlotReaderTable : public SlotTable<Value> {
   // flags in the low half and rhash in the high half; the caller tests
   // OCCUPIED. Leaves the version anchor on the slot's flags word.
   uint64_t getValue(uint32_t slotIndex, Value & value, const void * /*unused*/) const {
-    const Slot * slot = slots_[slotIndex];
-    const Slot * lookaside = this->lookasideSlot();
-    uint32_t flags = Arena::Atomics::observe32(slot->flags);
-    uint32_t rhash;
-    while (true) {
-      // With LOOKASIDE set the slot's own bytes are in flux; the LookasideSlot
-      // holds the whole value being installed, with its rhash.
-      const Slot * source = slot;
-      if (flags & LOOKASIDE) {
-        ++counters_->lookasideReads;
-        source = lookaside;
-      }
-      rhash = Arena::Atomics::observe32(source->rhash);
+    return copyUnderFlags(slotIndex, [&](const Slot * source, bool fromLookaside) {
+      counters_->lookasideReads += fromLookaside ? 1 : 0;
       Marshalling::fromSlot(value, &source->value);
-      Arena::Atomics::loadFence();  // the copy stays before the second flags load
-      // Detects a writer that crossed one of the two flags stores of a
-      // rewrite (or removed and reused the slot) during the copy.
-      const uint32_t again = Arena::Atomics::observe32(slot->flags);
-      if (again == flags) {
-        break;
-      }
-      flags = again;
-    }
-    this->anchorOn(slots_[slotIndex], flags);
-    return (static_cast<uint64_t>(rhash) << 32) | flags;
+    });
+  }
+
+  // The same for the key alone: copies into `value` the words that hold its
+  // key, whole, of the same state as the flags and rhash it returns; the rest
+  // of `value` is left as it was. lookasideReads counts values, not keys.
+  uint64_t getKey(uint32_t slotIndex, Value & value) const {
+    return copyUnderFlags(slotIndex, [&](const Slot * source, bool /*fromLookaside*/) {
+      Arena::Atomics::copyQuietOut(reinterpret_cast<uint64_t *>(&value) + keyWords_.first,
+                                   reinterpret_cast<const uint64_t *>(&source->value) + keyWords_.first,
+                                   8 * keyWords_.count);
+    });
   }
 
   void detach() override {
@@ -200,6 +192,52 @@ class SlotReaderTable : public SlotTable<Value> {
   }
 
  private:
+  // The qwords of a value that hold its key.
+  struct KeyWords {
+    std::size_t first;
+    std::size_t count;
+  };
+
+  // Found from where the key lies in a value; the whole value for a value
+  // whose key does not lie inside it.
+  static KeyWords keyWordsOf(const Value & value) {
+    const auto * base = reinterpret_cast<const char *>(&value);
+    const auto * key = reinterpret_cast<const char *>(&Ops::KeyOperations::key(value));
+    if (key < base || key + sizeof(Key) > base + sizeof(Value)) {
+      return KeyWords{0, sizeof(Value) / 8};
+    }
+    const auto offset = static_cast<std::size_t>(key - base);
+    return KeyWords{offset / 8, (offset + sizeof(Key) + 7) / 8 - offset / 8};
+  }
+
+  // The reader's copy protocol: `copy(source, fromLookaside)` between two
+  // loads of the slot's flags, again until they agree.
+  template <typename Copy>
+  uint64_t copyUnderFlags(uint32_t slotIndex, Copy && copy) const {
+    const Slot * slot = slots_[slotIndex];
+    const Slot * lookaside = this->lookasideSlot();
+    uint32_t flags = Arena::Atomics::observe32(slot->flags);
+    uint32_t rhash;
+    while (true) {
+      // With LOOKASIDE set the slot's own bytes are in flux; the LookasideSlot
+      // holds the whole value being installed, with its rhash.
+      const bool fromLookaside = (flags & LOOKASIDE) != 0;
+      const Slot * source = fromLookaside ? lookaside : slot;
+      rhash = Arena::Atomics::observe32(source->rhash);
+      copy(source, fromLookaside);
+      Arena::Atomics::loadFence();  // the copy stays before the second flags load
+      // Detects a writer that crossed one of the two flags stores of a
+      // rewrite (or removed and reused the slot) during the copy.
+      const uint32_t again = Arena::Atomics::observe32(slot->flags);
+      if (again == flags) {
+        break;
+      }
+      flags = again;
+    }
+    this->anchorOn(slots_[slotIndex], flags);
+    return (static_cast<uint64_t>(rhash) << 32) | flags;
+  }
+
   // Keeps the spare anchor on its word across a remap, or invalidates it when
   // its word is no longer mapped.
   void followMapping(Arena::VersionAnchor & anchor) {
@@ -215,6 +253,7 @@ class SlotReaderTable : public SlotTable<Value> {
 
   Ops * ops_;
   Reader::Counters * counters_;
+  KeyWords keyWords_;
   Arena::VerU32 numSlots_;
   Slots slots_;
   Arena::VersionAnchor spareAnchor_;

@@ -6,12 +6,15 @@
 //
 // A record type T opts in by
 //   - declaring RIG_RECORD_DECLARE(T) (and RIG_KEY_DECLARE(T) for a key) in
-//     its class, and RIG_RECORD_DEFINE(T) / RIG_KEY_DEFINE(T) in one source;
+//     its class, RIG_RECORD_INLINE(T) (and RIG_KEY_INLINE(T)) in its header
+//     after its Layout, and RIG_RECORD_DEFINE(T) / RIG_KEY_DEFINE(T) in one
+//     source;
 //   - specialising Rig::Record::Layout<T> with
 //       static constexpr std::string_view typeName;   e.g. "TesselHwLib::X"
 //       static constexpr auto fields = std::tuple{Field{...}, ...};
 //     and optionally `static constexpr bool bare = true` for a record of one
-//     field whose text is that field's text alone.
+//     field whose text is that field's text alone, and `static constexpr
+//     std::size_t padding` for a record with a Padding member of that length.
 //
 // Text form:  Value('<typeName>', ** {'<field>': <text>, '<field>': <text>})
 // Parsing demands exactly that: every literal in order, no other blanks, no
@@ -24,9 +27,22 @@
 // widened to 64 bits); any other type by a valueToStrep found in its own
 // namespace. Field hashes: unsigned numbers and bools enter Rig::Hash as
 // their own width (hashMix<sizeof>); any other type by a hashInto(Rig::Hash&,
-// value) found in its namespace. Equality and order go field by field, in
-// list order, and never over raw bytes, so padding takes no part.
+// value) found in its namespace. Order goes field by field, in list order.
+// Equality compares bytes where a record's bytes are a function of its value
+// (hasUniqueBytes below: no byte outside a field but explicit, zeroed
+// Padding), and goes field by field otherwise, so that stray padding never
+// takes part.
+//
+// Equality and the hash are inline (RIG_RECORD_INLINE, RIG_KEY_INLINE after
+// the Layout specialisation), so that a table's lookup compares and hashes a
+// key without a call; text and parsing live in one source.
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -57,6 +73,40 @@ Field(std::string_view, unsigned, T Owner::*, bool = false) -> Field<Owner, T>;
 template <typename T>
 struct Layout;
 
+// A record's explicit tail padding: named bytes, zero from construction on,
+// so that a record that lies in shared files has no byte whose value the
+// compiler may leave undefined, and two equal records have equal images.
+// Padding<0> is empty and, declared [[no_unique_address]], takes no byte.
+template <std::size_t N>
+struct Padding {
+  static constexpr std::size_t length = N;
+  std::array<uint8_t, N> bytes{};
+};
+
+template <>
+struct Padding<0> {
+  static constexpr std::size_t length = 0;
+};
+
+// Where a field lies in its record, from a field list's byte offsets.
+struct Extent {
+  std::size_t offset;
+  std::size_t size;
+  std::size_t align;
+};
+
+// The bytes from the end of the last field to the end of the record, whose
+// size is a multiple of its strictest field alignment.
+constexpr std::size_t tailPadding(std::initializer_list<Extent> extents) {
+  std::size_t end = 0;
+  std::size_t align = 1;
+  for (const Extent & extent : extents) {
+    end = std::max(end, extent.offset + extent.size);
+    align = std::max(align, extent.align);
+  }
+  return (end + align - 1) / align * align - end;
+}
+
 template <typename T>
 concept Described = requires {
   Layout<T>::typeName;
@@ -73,8 +123,53 @@ constexpr bool isBare() {
 }
 
 template <Described T, typename Visitor>
-void forEachField(Visitor && visit) {
+constexpr void forEachField(Visitor && visit) {
   std::apply([&](const auto &... field) { (visit(field), ...); }, Layout<T>::fields);
+}
+
+template <typename T>
+constexpr std::size_t paddingOf() {
+  if constexpr (requires { Layout<T>::padding; }) {
+    return Layout<T>::padding;
+  } else {
+    return 0;
+  }
+}
+
+// Whether a record's bytes are a function of its value: its fields and its
+// explicit Padding cover all of it (no byte of the compiler's padding), and
+// every field's type has one object representation per value.
+template <Described T>
+constexpr bool hasUniqueBytes() {
+  std::size_t covered = paddingOf<T>();
+  bool unique = true;
+  forEachField<T>([&](const auto & field) {
+    using FieldType = std::remove_cvref_t<decltype(std::declval<const T &>().*field.member)>;
+    covered += sizeof(FieldType);
+    unique = unique && std::has_unique_object_representations_v<FieldType>;
+  });
+  return unique && covered == sizeof(T);
+}
+
+// Byte equality of two objects of N bytes, a word at a time without an early
+// exit (the compiler turns it into a few vector compares, not a call).
+template <std::size_t N>
+bool sameBytes(const void * a, const void * b) {
+  const auto * x = static_cast<const unsigned char *>(a);
+  const auto * y = static_cast<const unsigned char *>(b);
+  uint64_t differ = 0;
+  std::size_t at = 0;
+  for (; at + 8 <= N; at += 8) {
+    uint64_t left;
+    uint64_t right;
+    std::memcpy(&left, x + at, 8);
+    std::memcpy(&right, y + at, 8);
+    differ |= left ^ right;
+  }
+  for (; at < N; ++at) {
+    differ |= x[at] ^ y[at];
+  }
+  return differ == 0;
 }
 
 template <typename T>
@@ -156,9 +251,13 @@ void parse(T & value, Cursor & cursor, Cursor end) {
 
 template <Described T>
 bool equal(const T & a, const T & b) {
-  bool same = true;
-  forEachField<T>([&](const auto & field) { same = same && a.*field.member == b.*field.member; });
-  return same;
+  if constexpr (hasUniqueBytes<T>()) {
+    return sameBytes<sizeof(T)>(&a, &b);
+  } else {
+    bool same = true;
+    forEachField<T>([&](const auto & field) { same = same && a.*field.member == b.*field.member; });
+    return same;
+  }
 }
 
 // Lexicographic in field order: the first field that differs decides.
@@ -209,22 +308,28 @@ uint32_t hash(const T & value, uint32_t seed) {
   bool operator<(const T & other) const;    \
   uint32_t hash(uint32_t seed) const
 
+// Define in the header, right after the Layout specialisation, at global
+// scope with T fully qualified: what a lookup needs, inline.
+#define RIG_RECORD_INLINE(T) \
+  inline bool T::operator==(const T & other) const { return ::Rig::Record::equal(*this, other); }
+
+#define RIG_KEY_INLINE(T) \
+  inline uint32_t T::hash(uint32_t seed) const { return ::Rig::Record::hash(*this, seed); }
+
 // Define in one source, after the Layout specialisation.
-#define RIG_RECORD_DEFINE(T)                                                                  \
-  T::T(::Rig::Cursor & cursor, ::Rig::Cursor end) : T() {                                     \
-    ::Rig::Record::parse(*this, cursor, end);                                                 \
-  }                                                                                           \
-  bool T::operator==(const T & other) const { return ::Rig::Record::equal(*this, other); }    \
+#define RIG_RECORD_DEFINE(T)                                              \
+  T::T(::Rig::Cursor & cursor, ::Rig::Cursor end) : T() {                 \
+    ::Rig::Record::parse(*this, cursor, end);                             \
+  }                                                                       \
   bool T::operator!() const { return ::Rig::Record::isDefault(*this); }
 
-#define RIG_KEY_DEFINE(T)                                                                     \
-  bool T::operator<(const T & other) const { return ::Rig::Record::less(*this, other); }      \
-  uint32_t T::hash(uint32_t seed) const { return ::Rig::Record::hash(*this, seed); }
+#define RIG_KEY_DEFINE(T) \
+  bool T::operator<(const T & other) const { return ::Rig::Record::less(*this, other); }
 
 // Field-list helpers. A record's fields are one X-macro list of
 // FIELD(type, name, attributeId, offset); these expand it into members,
-// accessors (getter `name()`, setter `nameIs()`), Layout descriptors and a
-// check of each field's byte offset (the last two inside a Layout
+// accessors (getter `name()`, setter `nameIs()`), Layout descriptors, the
+// field's extent (for Padding) and a check of each field's byte offset (the last two inside a Layout
 // specialisation that names its record type `Self`).
 #define RIG_FIELD_MEMBER(type, name, id, offset) type name##_{};
 #define RIG_FIELD_ACCESSORS(type, name, id, offset)    \
@@ -232,6 +337,7 @@ uint32_t hash(const T & value, uint32_t seed) {
   void name##Is(const type & value) { name##_ = value; }
 #define RIG_FIELD_DESCRIPTOR(type, name, id, offset) ::Rig::Record::Field{#name, id, &Self::name##_},
 #define RIG_READ_ONLY_FIELD_DESCRIPTOR(type, name, id, offset) ::Rig::Record::Field{#name, id, &Self::name##_, true},
+#define RIG_FIELD_EXTENT(type, name, id, offset) ::Rig::Record::Extent{offset, sizeof(type), alignof(type)},
 #define RIG_FIELD_OFFSET_CHECK(type, name, id, offset) \
   static_assert(offsetof(Self, name##_) == (offset), "'" #name "' lies at byte " #offset " of the record");
 

@@ -57,6 +57,9 @@ struct Rig::Record::Layout<TesselHwLib::L3IifTH3Key> {
   static_assert(sizeof(Self) == 8, "L3IifTH3Key is one 64-bit word in slot files");
   TESSEL_L3IIF_KEY_FIELDS(RIG_FIELD_OFFSET_CHECK)
 };
+RIG_RECORD_INLINE(TesselHwLib::L3IifTH3Key)
+RIG_KEY_INLINE(TesselHwLib::L3IifTH3Key)
+static_assert(Rig::Record::hasUniqueBytes<TesselHwLib::L3IifTH3Key>(), "L3IifTH3Key keys compare by bytes");
 
 TESSEL_ENTRY_LAYOUT(L3IifTH3ConfigEntry, P4Runtime::TableConfigEntryBase, TESSEL_L3IIF_CONFIG_FIELDS, 48);
 TESSEL_ENTRY_LAYOUT(L3IifTH3StatusEntry, P4Runtime::TableStatusEntryBase, TESSEL_NO_FIELDS, 32);

@@ -4,7 +4,7 @@
 // attribute id, byte offset), and every offset and size is asserted at
 // compile time.
 //
-// L3TunnelTH3Key (176 bytes, the last three padding): a TCAM key over the
+// L3TunnelTH3Key (176 bytes, the last three explicit zero padding): a TCAM key over the
 // outer headers of a tunnel packet, IPv4 or IPv6. It has address fields for
 // both families, of which one key may use only those of its etherType;
 // validateEntryKey() tells, in the P4 program's field names, what breaks
@@ -109,6 +109,7 @@ struct Rig::Record::Layout<TesselHwLib::L3TunnelTH3KeyStatus> {
   // A verdict is made whole: its fields are read-only by attribute.
   static constexpr std::tuple fields{TESSEL_L3TUNNEL_KEY_STATUS_FIELDS(RIG_READ_ONLY_FIELD_DESCRIPTOR)};
 };
+RIG_RECORD_INLINE(TesselHwLib::L3TunnelTH3KeyStatus)
 
 TESSEL_KEY_LAYOUT(L3TunnelTH3Key, TESSEL_L3TUNNEL_KEY_FIELDS, 176);
 TESSEL_ENTRY_LAYOUT(L3TunnelTH3ConfigEntry, P4Runtime::TableConfigEntryBase,

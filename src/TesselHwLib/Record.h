@@ -8,6 +8,7 @@
 // field list.
 
 #include <cstddef>
+#include <cstdint>
 #include <ostream>
 #include <tuple>
 #include <type_traits>
@@ -36,34 +37,46 @@ std::ostream & operator<<(std::ostream & stream, const T & value) {
 // (all zero, addresses unset), accessors of every field, the text
 // constructor, equality, operator!, order and hash. Further public
 // declarations of the one key that needs them (its validation, say) follow as
-// extra arguments.
-#define TESSEL_KEY_CLASS(Name, FIELDS, ...) \
-  class Name {                              \
-   public:                                  \
-    Name() = default;                       \
-    FIELDS(RIG_FIELD_ACCESSORS)             \
-    __VA_ARGS__                             \
-    RIG_RECORD_DECLARE(Name);               \
-    RIG_KEY_DECLARE(Name);                  \
-                                            \
-   private:                                 \
-    FIELDS(RIG_FIELD_MEMBER)                \
+// extra arguments. The bytes behind the last field, up to the key's
+// alignment, are explicit zero Padding: every constructor zeroes them and
+// every copy carries them, so a key's image is a function of its fields and
+// keys compare by their bytes.
+#define TESSEL_KEY_CLASS(Name, FIELDS, ...)                                                 \
+  class Name {                                                                              \
+   public:                                                                                  \
+    Name() = default;                                                                       \
+    FIELDS(RIG_FIELD_ACCESSORS)                                                             \
+    __VA_ARGS__                                                                             \
+    RIG_RECORD_DECLARE(Name);                                                               \
+    RIG_KEY_DECLARE(Name);                                                                  \
+                                                                                            \
+   private:                                                                                 \
+    FIELDS(RIG_FIELD_MEMBER)                                                                \
+    [[no_unique_address]] ::Rig::Record::Padding<::Rig::Record::tailPadding(                \
+        {FIELDS(RIG_FIELD_EXTENT)})> padding_;                                              \
   };
 
-// Layout<Name> of a key made by TESSEL_KEY_CLASS, and the checks that keep it
-// fit to lie in a shared file inside its entries: its size (padding
-// included), each field's offset, and that it copies byte for byte.
+// Layout<Name> of a key made by TESSEL_KEY_CLASS, its inline equality and
+// hash, and the checks that keep it fit to lie in a shared file inside its
+// entries: its size (padding included), each field's offset, that it copies
+// byte for byte, and that its bytes are a function of its value (no gap
+// between fields; equality compares bytes).
 #define TESSEL_KEY_LAYOUT(Name, FIELDS, size)                                               \
   template <>                                                                               \
   struct Rig::Record::Layout<TesselHwLib::Name> {                                           \
     using Self = TesselHwLib::Name;                                                         \
     static constexpr std::string_view typeName = "TesselHwLib::" #Name;                     \
     static constexpr std::tuple fields{FIELDS(RIG_FIELD_DESCRIPTOR)};                       \
+    static constexpr std::size_t padding = decltype(Self::padding_)::length;                \
     static_assert(sizeof(Self) == (size), #Name " is " #size " bytes in slot files");       \
     static_assert(std::is_trivially_copyable_v<Self>,                                       \
                   #Name " is copied byte for byte into shared files");                      \
     FIELDS(RIG_FIELD_OFFSET_CHECK)                                                          \
-  }
+  };                                                                                        \
+  RIG_RECORD_INLINE(TesselHwLib::Name)                                                      \
+  RIG_KEY_INLINE(TesselHwLib::Name)                                                         \
+  static_assert(::Rig::Record::hasUniqueBytes<TesselHwLib::Name>(),                         \
+                #Name " has no padding but its explicit Padding: keys compare by bytes")
 
 // class Name : public Base { key, FIELDS... } with constructors default (all
 // zero), from a key, copy and from text. Further public declarations of the
@@ -85,8 +98,8 @@ std::ostream & operator<<(std::ostream & stream, const T & value) {
     FIELDS(RIG_FIELD_MEMBER)                              \
   };
 
-// Layout<Name>: the base's fields, the key, then FIELDS, in that order, and
-// the checks that keep the record fit to lie in a shared file: its size, each
+// Layout<Name>: the base's fields, the key, then FIELDS, in that order, its
+// inline equality, and the checks that keep the record fit to lie in a shared file: its size, each
 // field's offset, and that it copies byte for byte.
 #define TESSEL_ENTRY_LAYOUT(Name, Base, FIELDS, size)                                         \
   template <>                                                                                 \
@@ -97,10 +110,11 @@ std::ostream & operator<<(std::ostream & stream, const T & value) {
         std::tuple_cat(Layout<Base>::fields, std::tuple{Field{"key", 130, &Self::key_, true}},     \
                        std::tuple{FIELDS(RIG_FIELD_DESCRIPTOR)});                             \
     static_assert(sizeof(Self) == (size), #Name " is " #size " bytes in slot files");         \
-    static_assert(std::is_trivially_copyable_v<Self>,                                         \
-                  #Name " is copied byte for byte into shared files");                        \
     RIG_OFFSET_CHECKS_BEGIN                                                                   \
     static_assert(offsetof(Self, key_) == 24, #Name " keeps its key at byte 24");             \
     FIELDS(RIG_FIELD_OFFSET_CHECK)                                                            \
     RIG_OFFSET_CHECKS_END                                                                     \
-  }
+  };                                                                                          \
+  RIG_RECORD_INLINE(TesselHwLib::Name)                                                        \
+  static_assert(std::is_trivially_copyable_v<TesselHwLib::Name>,                              \
+                #Name " is copied byte for byte into shared files")

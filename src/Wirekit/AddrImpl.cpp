@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 
 #include "Basalt/Exception.h"
-#include "Rig/Hash.h"
 
 namespace Wirekit::Impl {
 
@@ -66,14 +65,6 @@ Rig::String inetFormat(std::span<const uint8_t> bytes) {
   BASALT_ASSERT(written != nullptr, std::string(sourceName),
                 "inet_ntop fails only for an unknown family or a short buffer");
   return Rig::String(written);
-}
-
-uint32_t hashBytes(std::span<const uint8_t> bytes) {
-  Rig::Hash hash(0);
-  for (uint8_t byte : bytes) {
-    hash.hashMix<1>(byte);
-  }
-  return hash.result();
 }
 
 }  // namespace Wirekit::Impl

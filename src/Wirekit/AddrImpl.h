@@ -64,9 +64,4 @@ std::optional<T> parseInet(std::string_view text) {
   return T(bytes);
 }
 
-// Rig::Hash with seed 0 over the bytes in order, one hashMix<1> each: XXH32
-// of the bytes. Addresses decide a key's place in a shared table through it,
-// so it is one fixed function in every process.
-uint32_t hashBytes(std::span<const uint8_t> bytes);
-
 }  // namespace Wirekit::Impl

@@ -25,8 +25,6 @@ std::optional<uint8_t> hexByte(const char * text) {
 
 }  // namespace
 
-uint32_t EthAddr::hash() const { return Impl::hashBytes(bytes_); }
-
 std::optional<EthAddr> EthAddr::parse(std::string_view text) {
   if (text.size() != textLength) {
     return std::nullopt;
@@ -58,7 +56,5 @@ EthAddr sequenceToValue(Rig::Cursor & cursor, Rig::Cursor end, std::string_view 
 std::ostream & operator<<(std::ostream & stream, const EthAddr & addr) {
   return stream << valueToStrep(addr);
 }
-
-void hashInto(Rig::Hash & hash, const EthAddr & addr) { hash.hashMix<4>(addr.hash()); }
 
 }  // namespace Wirekit

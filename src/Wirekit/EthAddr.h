@@ -33,9 +33,15 @@ class EthAddr {
 
   constexpr const Bytes & bytes() const { return bytes_; }
 
-  // Rig::Hash with seed 0 over the six bytes, one hashMix<1> each. A key's
-  // place in a shared table depends on it, so it never changes.
-  uint32_t hash() const;
+  // Rig::Hash with seed 0 over the six bytes in order. A key's place in a
+  // shared table depends on it, so it never changes.
+  uint32_t hash() const {
+    Rig::Hash hash(0);
+    hash.hashMix<4>(uint32_t{bytes_[0]} | uint32_t{bytes_[1]} << 8 | uint32_t{bytes_[2]} << 16 |
+                    uint32_t{bytes_[3]} << 24);
+    hash.hashMix<2>(uint32_t{bytes_[4]} | uint32_t{bytes_[5]} << 8);
+    return hash.result();
+  }
 
   // The whole of `text` as an address of the text form; nothing if it is not one.
   static std::optional<EthAddr> parse(std::string_view text);
@@ -64,6 +70,6 @@ std::ostream & operator<<(std::ostream & stream, const EthAddr & addr);
 
 // How an address enters the hash of a key that holds it: its hash(), as four
 // bytes (hashMix<4>).
-void hashInto(Rig::Hash & hash, const EthAddr & addr);
+inline void hashInto(Rig::Hash & hash, const EthAddr & addr) { hash.hashMix<4>(addr.hash()); }
 
 }  // namespace Wirekit

@@ -4,8 +4,6 @@
 
 namespace Wirekit {
 
-uint32_t Ip6Addr::hash() const { return Impl::hashBytes(bytes_); }
-
 std::optional<Ip6Addr> Ip6Addr::parse(std::string_view text) {
   return Impl::parseInet<Ip6Addr>(text);
 }

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "Rig/Hash.h"
 #include "Rig/String.h"
 #include "Rig/ValueText.h"
 
@@ -33,10 +34,15 @@ class Ip6Addr {
 
   constexpr bool isUnspecified() const { return *this == Ip6Addr(); }
 
-  // Rig::Hash with seed 0 over the sixteen bytes, one hashMix<1> each. Keys
-  // with addresses of either family hash their address bytes through it, so
-  // it never changes.
-  uint32_t hash() const;
+  // Rig::Hash with seed 0 over the sixteen bytes in order, taken as two
+  // words. Keys with addresses of either family hash their address bytes
+  // through it, so it never changes.
+  uint32_t hash() const {
+    Rig::Hash hash(0);
+    hash.hashMix<8>(Rig::littleEndianWord(bytes_.data()));
+    hash.hashMix<8>(Rig::littleEndianWord(bytes_.data() + 8));
+    return hash.result();
+  }
 
   // The whole of `text` as an IPv6 address; nothing if it is not one.
   static std::optional<Ip6Addr> parse(std::string_view text);

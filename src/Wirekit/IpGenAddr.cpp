@@ -71,8 +71,4 @@ std::ostream & operator<<(std::ostream & stream, const IpGenAddr & addr) {
   return stream << valueToStrep(addr);
 }
 
-void hashInto(Rig::Hash & hash, const IpGenAddr & addr) {
-  hash.hashMix<4>(addr.ip6Addr().hash());
-}
-
 }  // namespace Wirekit

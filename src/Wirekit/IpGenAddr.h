@@ -102,6 +102,8 @@ std::ostream & operator<<(std::ostream & stream, const IpGenAddr & addr);
 // How an address enters the hash of a key that holds it: Ip6Addr::hash() of
 // its sixteen bytes, as four bytes (hashMix<4>). The family stays out, so an
 // IPv4 and an IPv6 address with the same bytes hash alike (and compare unequal).
-void hashInto(Rig::Hash & hash, const IpGenAddr & addr);
+inline void hashInto(Rig::Hash & hash, const IpGenAddr & addr) {
+  hash.hashMix<4>(addr.ip6Addr().hash());
+}
 
 }  // namespace Wirekit

@@ -253,6 +253,18 @@ TEST_F(CairnReaderAttachTest, ASlotHeaderWithABadMagicOrChecksumIsRefused) {
   expectAccepted();
 }
 
+// A table written by a build of the previous key hash (slot file version 17)
+// has its keys where that hash put them: it is refused, never read.
+TEST_F(CairnReaderAttachTest, ASlotFileOfThePreviousKeyHashIsRefused) {
+  table.stopWriter();
+  const FileBytes slots = table.slotFile();
+  ASSERT_EQ(slots.read<uint32_t>(8), Cairn::SlotVersion);
+  slots.write(8, uint32_t{17});
+  expectSlotsRefused("SlotTable::Header::validate() bad version: 17");
+  slots.write(8, Cairn::SlotVersion);
+  expectAccepted();
+}
+
 TEST_F(CairnReaderAttachTest, ABucketHeaderWithABadMagicOrChecksumIsRefused) {
   table.stopWriter();
   const FileBytes buckets = table.bucketFile();

@@ -374,6 +374,28 @@ TEST_F(CairnWriterRestartTest, FailedValidationReformatsAll) {
   expectReformatted(epoch);
 }
 
+// Files of the previous key hash (slot file version 17) hold their keys where
+// that hash put them: a writer formats them afresh rather than read them.
+TEST_F(CairnWriterRestartTest, SlotFileOfThePreviousKeyHashReformatsAll) {
+  table.start();
+  populate();
+  const ArenaFiles::EpochId epoch = writer().epochId();
+  table.stop();
+  ASSERT_EQ(slotFile().read<uint32_t>(8), Cairn::SlotVersion);
+  slotFile().write(8, uint32_t{17});
+  Watched traces(table.handler);
+  table.start();
+  std::vector<Line> wanted{whole("SlotTable::Header::validate() bad version: 17"),
+                           whole("SlotWriter::attach() re-formatted " + table.file("slots")),
+                           begins("CairnWriter::attachAndValidate() failed to attach to existing files")};
+  for (Line & line : secondPass()) {
+    wanted.push_back(line);
+  }
+  expectInOrder(lifeEvents(traces), wanted);
+  expectReformatted(epoch);
+  EXPECT_EQ(slotFile().read<uint32_t>(8), Cairn::SlotVersion);
+}
+
 TEST_F(CairnWriterRestartTest, ChangedSizeOfAFixedTableReformatsAll) {
   table.descriptor = sharedDescriptor(10);
   table.descriptor.fixedSize = true;

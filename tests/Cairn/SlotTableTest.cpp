@@ -129,7 +129,7 @@ TEST_F(SlotTableHeaderTest, ChecksumCoversOnlyConstantFields) {
 TEST_F(SlotTableHeaderTest, TextFormListsEveryField) {
   header.runtimeFlags = 1;
   EXPECT_EQ(header.toString(),
-            fmt::format("SlotTable::Header() magic:0x544c534e52494143 version:17 epoch:0x0003004d "
+            fmt::format("SlotTable::Header() magic:0x544c534e52494143 version:18 epoch:0x0003004d "
                         "platform:2 valueType:\"TesselHwLib::L3IifTH3ConfigEntry\" "
                         "classType:\"HeaderTest\" valueSize:48 slotSize:64 maxSlots:1000 "
                         "constFlags:0x2 runtimeFlags:0x1 hash:0x{:x} occupiedSlots:0 freeSlots:0 "

@@ -97,7 +97,7 @@ TEST_F(SlotWriterTest, FileFormatByRawOffsets) {
   const std::size_t headerSize = 192 + slotSize;
   ASSERT_GE(bytes.size(), headerSize + 32 * slotSize);
   EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 8), "CAIRNSLT");
-  EXPECT_EQ(at<uint32_t>(bytes, 8), 17u);
+  EXPECT_EQ(at<uint32_t>(bytes, 8), 18u);
   EXPECT_EQ(at<uint32_t>(bytes, 12), epochA.value);
   EXPECT_EQ(at<uint32_t>(bytes, 16), 2u);
   EXPECT_EQ(std::string(reinterpret_cast<const char *>(bytes.data() + 20)),

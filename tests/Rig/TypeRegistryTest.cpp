@@ -36,6 +36,8 @@ struct Rig::Record::Layout<TypeRegistryTest::Pair> {
   static constexpr std::string_view typeName = "TypeRegistryTest::Pair";
   static constexpr std::tuple fields{Field{"first", 2, &Self::first_}, Field{"second", 3, &Self::second_, true}};
 };
+RIG_RECORD_INLINE(TypeRegistryTest::Pair)
+RIG_KEY_INLINE(TypeRegistryTest::Pair)
 
 namespace TypeRegistryTest {
 

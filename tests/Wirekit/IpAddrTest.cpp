@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <xxhash.h>
-
 #include <cstring>
 #include <random>
 #include <vector>
@@ -139,10 +137,14 @@ TEST(WirekitIp6Addr, OrderIsByBytesFirstByteFirst) {
 // Keys with addresses hash the sixteen bytes through this: these values must
 // never change.
 TEST(WirekitIp6Addr, HashIsAFixedFunction) {
-  EXPECT_EQ(Ip6Addr().hash(), 0x8e022b3au);
-  EXPECT_EQ(fromGroups({0, 0, 0, 0, 0, 0, 0, 1}).hash(), 0x7f2f367eu);
+  EXPECT_EQ(Ip6Addr().hash(), 0x48c0a5beu);
+  EXPECT_EQ(fromGroups({0, 0, 0, 0, 0, 0, 0, 1}).hash(), 0x84773edcu);
   Ip6Addr any = fromGroups({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1});
-  EXPECT_EQ(any.hash(), XXH32(any.bytes().data(), 16, 0));
+  Rig::Hash byteByByte(0);
+  for (uint8_t byte : any.bytes()) {
+    byteByByte.hashMix<1>(byte);
+  }
+  EXPECT_EQ(any.hash(), byteByByte.result());
   EXPECT_NE(fromGroups({1, 0, 0, 0, 0, 0, 0, 0}).hash(),
             fromGroups({0, 0, 0, 0, 0, 0, 0, 1}).hash());
 }
