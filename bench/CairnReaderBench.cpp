@@ -1,6 +1,7 @@
 // Reads of a live table from another process: lookup hit, lookup miss and a
 // full walk through a CairnReader in this process while the table's writer
-// runs in a child process, once idle and once rewriting entries at full speed;
+// runs in a child process, once idle and once rewriting entries at full speed,
+// and the idle case's hits again in batches (lookupBatch);
 // against CairnWriter::lookup and walk in the writer's own process, and
 // against std::unordered_map in process. L3Iif Config and L3Tunnel Config
 // values at 1,000, 65,536 and 1,048,576 entries. The last table printed gives
@@ -13,6 +14,7 @@
 
 #include <memory>
 #include <random>
+#include <span>
 #include <unordered_map>
 
 #include <benchmark/benchmark.h>
@@ -210,6 +212,26 @@ void registerTable(uint32_t entries) {
       walks(state, entries, [&] { return walkThrough(setup.reader()); });
     });
   }
+  // The idle reader's hits again, BatchWidth keys at a time through
+  // lookupBatch; reported per key.
+  add("reader-batch", "lookupHit", [=](benchmark::State & state) {
+    auto & setup = setupFor<Table>(entries);
+    setup.busyIs(false);
+    constexpr std::size_t Width = ReaderOf<Table>::BatchWidth;
+    const auto & probes = setup.probes(true);
+    std::vector<typename Table::Key> keys;
+    for (std::size_t i = 0; i < probes.size() / Width * Width; ++i) {
+      keys.push_back(Table::key(probes[i]));
+    }
+    Value out[Width];
+    bool found[Width];
+    std::size_t next = 0;
+    for (auto _ : state) {
+      benchmark::DoNotOptimize(setup.reader().lookupBatch(std::span(keys.data() + next, Width), out, found));
+      next = next + Width == keys.size() ? 0 : next + Width;
+    }
+    state.counters["ops"] = Width;
+  });
   for (bool hit : {true, false}) {
     add("writer", hit ? "lookupHit" : "lookupMiss", [=](benchmark::State & state) {
       auto & setup = setupFor<Table>(entries);

@@ -25,9 +25,12 @@
 // become something else is always caught at (3). Every link is one 64-bit
 // acquire load; the loads of one step stay in order through Arena/Atomics.h.
 
+#include <algorithm>
 #include <ctime>
 #include <memory>
 #include <optional>
+#include <span>
+#include <stdexcept>
 #include <string>
 
 #include <fmt/format.h>
@@ -72,10 +75,43 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
   // ---- Operations: each a private walk inside the retry wrapper ----
 
   const Value * lookup(const Key & key, bool & found, Value * out) const override {
+    return lookupHashed(key, KeyOperations::hash(key), found, out);
+  }
+
+  // Looks up every key of `keys`, each answered exactly as lookup() answers
+  // it and with every check of its own: found[i] and out[i] are keys[i]'s.
+  // A lookup is a chain of dependent loads (bucket word, slot, value); here,
+  // BatchWidth keys at a time are hashed, then all their bucket words are
+  // touched, then the first slot of each chain, so that their cache misses
+  // overlap instead of following one another. Returns how many were found.
+  std::size_t lookupBatch(std::span<const Key> keys, std::span<Value> out, std::span<bool> found) const {
+    if (out.size() < keys.size() || found.size() < keys.size()) {
+      throw std::invalid_argument(fmt::format("CairnReader::lookupBatch() {}: {} keys, room for {} values and {} answers",
+                                              rootPath_.cairnName(), keys.size(), out.size(), found.size()));
+    }
+    std::size_t hits = 0;
+    for (std::size_t first = 0; first < keys.size(); first += BatchWidth) {
+      const std::size_t count = std::min(BatchWidth, keys.size() - first);
+      uint32_t hashes[BatchWidth];
+      touchChains(keys.data() + first, hashes, count);
+      for (std::size_t i = 0; i < count; ++i) {
+        bool hit = false;
+        lookupHashed(keys[first + i], hashes[i], hit, &out[first + i]);
+        found[first + i] = hit;
+        hits += hit ? 1 : 0;
+      }
+    }
+    return hits;
+  }
+
+  static constexpr std::size_t BatchWidth = 16;
+
+  // lookup() for a key whose hash is known.
+  const Value * lookupHashed(const Key & key, uint32_t hash, bool & found, Value * out) const {
     while (true) {
       const Value * result;
       try {
-        result = doLookup(key, found, out);
+        result = doLookup(key, hash, found, out);
       } catch (const Basalt::CorruptionDetectedException &) {
         if (doResize()) {
           continue;  // the view was stale: ask again
@@ -299,13 +335,12 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
   // Outcome of one pass over a chain.
   enum class Pass { Found, NotFound, Restart };
 
-  const Value * doLookup(const Key & key, bool & found, Value * out) const {
+  const Value * doLookup(const Key & key, uint32_t hash, bool & found, Value * out) const {
     found = false;
     if (buckets_.numBuckets() == 0) {
       BASALT_TRACE(debugHandler(), 5, "CairnReader::doLookup() bucket table detached");
       return &defaultValue_;
     }
-    const uint32_t hash = KeyOperations::hash(key);
     const uint32_t bucketIndex = hash & (buckets_.numBuckets() - 1);
     const uint32_t wanted = Basalt::Util::reverse(hash);
     Value * dest = out != nullptr ? out : &lookupValue_;
@@ -369,6 +404,37 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
       buckets_[SlotLink::bucketOf(link.value)];  // the bound check alone
     }
     return Pass::NotFound;
+  }
+
+  // Hashes `count` keys into `hashes` and touches, for each, its bucket word
+  // and then the first bytes of its chain's head slot (its prefix and as many
+  // as a key takes): the lookups that follow find them in the cache. Only addresses inside the mappings are
+  // touched; nothing read here is trusted (each lookup loads it again).
+  void touchChains(const Key * keys, uint32_t * hashes, std::size_t count) const {
+    for (std::size_t i = 0; i < count; ++i) {
+      hashes[i] = KeyOperations::hash(keys[i]);
+    }
+    const uint32_t buckets = buckets_.numBuckets();
+    if (buckets == 0) {
+      return;  // not mapped yet: the lookups map it
+    }
+    const SlotLink * heads[BatchWidth];
+    for (std::size_t i = 0; i < count; ++i) {
+      heads[i] = buckets_[hashes[i] & (buckets - 1)];
+      __builtin_prefetch(heads[i]);
+    }
+    const auto & slots = slotTable_.slots();
+    constexpr std::size_t keyEnd = SlotPrefixSize + sizeof(Key);
+    for (std::size_t i = 0; i < count; ++i) {
+      const uint32_t link = heads[i]->load().value;
+      if ((link & NextBucketBit) || link >= slots.count) {
+        continue;
+      }
+      const char * slot = reinterpret_cast<const char *>(slots.base + link);
+      for (std::size_t offset = 0; offset < keyEnd; offset += 64) {
+        __builtin_prefetch(slot + offset);
+      }
+    }
   }
 
   // The slot of the wanted key: its whole value, copied once. The copy is

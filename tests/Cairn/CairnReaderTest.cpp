@@ -1,3 +1,8 @@
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "Cairn/CairnReader.h"
@@ -60,4 +65,44 @@ TEST_F(CairnReaderTest, FollowsTheWriterThroughGrowthAndWalksEveryEntry) {
   }
   EXPECT_EQ(seen.size(), 5000u);
   EXPECT_GT(reader->counters().slotResizes, 0u);
+}
+
+// A batch answers each key as lookup() does, across more keys than one
+// batch's width, hits and misses mixed.
+TEST_F(CairnReaderTest, LookupBatchAnswersEachKeyAsLookupDoes) {
+  for (uint64_t number = 0; number < 100; number += 2) {
+    writer().write(Value(number, number + 7), true);
+  }
+  auto reader = attachedReader();
+  std::vector<NumberKey> keys;
+  for (uint64_t number = 0; number < 3 * Reader::BatchWidth + 5; ++number) {
+    keys.push_back(NumberKey{(number * 37) % 110});
+  }
+  std::vector<Value> out(keys.size(), Value(999, 999));
+  std::unique_ptr<bool[]> found(new bool[keys.size()]);
+  const std::size_t hits = reader->lookupBatch(keys, out, std::span<bool>(found.get(), keys.size()));
+  std::size_t expectedHits = 0;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    bool single = false;
+    Value value;
+    reader->lookup(keys[i], single, &value);
+    EXPECT_EQ(found[i], single) << keys[i].number;
+    EXPECT_EQ(out[i], value) << keys[i].number;
+    EXPECT_EQ(found[i], keys[i].number % 2 == 0 && keys[i].number < 100) << keys[i].number;
+    expectedHits += single ? 1 : 0;
+  }
+  EXPECT_EQ(hits, expectedHits);
+}
+
+TEST_F(CairnReaderTest, LookupBatchWithoutRoomForEveryAnswerIsRefused) {
+  auto reader = attachedReader();
+  std::vector<NumberKey> keys(3);
+  std::vector<Value> out(2);
+  bool found[3];
+  try {
+    reader->lookupBatch(keys, out, found);
+    FAIL() << "a batch with room for 2 values of 3 keys was taken";
+  } catch (const std::invalid_argument & exception) {
+    EXPECT_STREQ(exception.what(), "CairnReader::lookupBatch() test/writer: 3 keys, room for 2 values and 3 answers");
+  }
 }

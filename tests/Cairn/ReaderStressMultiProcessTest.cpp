@@ -5,7 +5,8 @@
 // own address space, with no lock. Every value is self-checking
 // (SelfCheckingRecords.h); a set of stable keys is written once and never
 // touched again, and a few hot keys are rewritten all the time, so that
-// readers keep meeting rewrites in progress. The readers count what must never happen:
+// readers keep meeting rewrites in progress. Lookups go one by one and in
+// batches (lookupBatch). The readers count what must never happen:
 //   torn       a value that is not one whole write of its key
 //   missing    a stable key not found by a lookup
 //   walkMissing / walkTwice   a stable key absent from, or twice in, a walk
@@ -200,6 +201,29 @@ class ReaderTable {
     }
   }
 
+  // The stable keys from `first` on, a batch at a time: each must be found,
+  // whole, at version 1.
+  void lookupBatch(uint64_t first) {
+    constexpr std::size_t Count = 2 * Reader::BatchWidth;
+    typename R::Key keys[Count];
+    typename R::Value values[Count];
+    bool found[Count];
+    for (std::size_t i = 0; i < Count; ++i) {
+      keys[i] = R::key((first + i) % stableKeys);
+    }
+    reader_.lookupBatch(keys, values, found);
+    counts_.lookups += Count;
+    for (std::size_t i = 0; i < Count; ++i) {
+      if (!found[i]) {
+        ++counts_.missing;
+        continue;
+      }
+      check(values[i]);
+      counts_.wrongKey += R::number(values[i]) != (first + i) % stableKeys ? 1 : 0;
+      counts_.torn += R::version(values[i]) != 1 ? 1 : 0;
+    }
+  }
+
   void walk() {
     ++counts_.walks;
     std::vector<uint8_t> seen(stableKeys, 0);
@@ -263,6 +287,8 @@ void runReader(Board & board, int index) {
         iif.lookup(number, stable);
         tunnel.lookup(number, stable);
       }
+      iif.lookupBatch(random() % stableKeys);
+      tunnel.lookupBatch(random() % stableKeys);
       if (round % 2 == 0) {
         iif.walk();
       } else {
