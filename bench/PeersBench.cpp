@@ -47,6 +47,7 @@
 
 #include "BenchTables.h"
 #include "Cairn/CairnReader.h"
+#include "RatioReporter.h"
 
 namespace {
 
@@ -573,58 +574,34 @@ Scaling scale(uint32_t entries, unsigned readers, double seconds) {
 
 // ---------------------------------------------------------------- the report
 
-// Keeps every case's ns per operation by system, and prints them side by
-// side with the ratio to absl.
-class PeersReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> & runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const auto & run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) {
-        continue;
-      }
-      const std::string name = run.benchmark_name();
-      const auto slash = name.find('/');
-      const auto ops = run.counters.find("ops");
-      const double perIteration = ops != run.counters.end() ? ops->second.value : 1.0;
-      std::string rest = name.substr(slash + 1);
-      rest = rest.substr(0, rest.find("/min_time"));
-      ns_[rest][name.substr(0, slash)] = run.GetAdjustedRealTime() / perIteration;
-    }
+// The cases side by side, by system, each with its ratio to absl.
+std::string markdownTable(const Bench::RatioReporter::Table & ns) {
+  const std::vector<std::string> systems{"absl", "std", "tessel", "boost", "lmdb", "tessel-idle",
+                                         "tessel-busy", "boost-idle", "boost-busy", "lmdb-idle", "lmdb-busy"};
+  std::string text = "| case |";
+  std::string rule = "|---|";
+  for (const auto & system : systems) {
+    text += fmt::format(" {} |", system);
+    rule += "---:|";
   }
-
-  std::string table() const {
-    const std::vector<std::string> systems{"absl", "std", "tessel", "boost", "lmdb", "tessel-idle",
-                                           "tessel-busy", "boost-idle", "boost-busy", "lmdb-idle", "lmdb-busy"};
-    std::string text = "| case |";
-    std::string rule = "|---|";
+  text += "\n" + rule + "\n";
+  for (const auto & [name, bySystem] : ns) {
+    const auto baseline = bySystem.find("absl");
+    text += fmt::format("| {} |", name);
     for (const auto & system : systems) {
-      text += fmt::format(" {} |", system);
-      rule += "---:|";
-    }
-    text += "\n" + rule + "\n";
-    for (const auto & [name, bySystem] : ns_) {
-      const auto baseline = bySystem.find("absl");
-      text += fmt::format("| {} |", name);
-      for (const auto & system : systems) {
-        const auto at = bySystem.find(system);
-        if (at == bySystem.end()) {
-          text += " |";
-        } else if (baseline == bySystem.end() || system == "absl") {
-          text += fmt::format(" {:.1f} |", at->second);
-        } else {
-          text += fmt::format(" {:.1f} ({:.2f}x) |", at->second, at->second / baseline->second);
-        }
+      const auto at = bySystem.find(system);
+      if (at == bySystem.end()) {
+        text += " |";
+      } else if (baseline == bySystem.end() || system == "absl") {
+        text += fmt::format(" {:.1f} |", at->second);
+      } else {
+        text += fmt::format(" {:.1f} ({:.2f}x) |", at->second, at->second / baseline->second);
       }
-      text += "\n";
     }
-    return text;
+    text += "\n";
   }
-
- private:
-  // case -> system -> ns per operation
-  std::map<std::string, std::map<std::string, double>> ns_;
-};
+  return text;
+}
 
 std::string machine() {
   std::ifstream cpuinfo("/proc/cpuinfo");
@@ -647,7 +624,7 @@ int main(int argc, char ** argv) {
     registerTable<CairnTest::TunnelRecords>(entries);
   }
   benchmark::Initialize(&argc, argv);
-  PeersReporter reporter;
+  Bench::RatioReporter reporter("absl");
   benchmark::RunSpecifiedBenchmarks(&reporter);
   currentSetup.reset();
 
@@ -665,7 +642,7 @@ int main(int argc, char ** argv) {
       "Machine: {}.\n\nns per operation (ratio to absl::flat_hash_map in process); \"-idle\"/\"-busy\": a "
       "reader in another process, its writer idle or rewriting at full speed.\n\n{}\nOne writer rewriting "
       "L3Iif Config entries of a 65,536-entry table at full speed, with reader processes looking up hits:\n\n{}",
-      machine(), reporter.table(), scalingTable);
+      machine(), markdownTable(reporter.nsPerOperation()), scalingTable);
   fmt::print("\n{}", report);
   if (const char * markdown = std::getenv("TESSEL_PEERS_MARKDOWN")) {
     std::ofstream(markdown) << report;

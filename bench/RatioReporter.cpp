@@ -1,5 +1,7 @@
 #include "RatioReporter.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 namespace Bench {
@@ -17,7 +19,9 @@ void RatioReporter::ReportRuns(const std::vector<Run> & runs) {
     }
     const auto ops = run.counters.find("ops");
     const double perIteration = ops != run.counters.end() ? ops->second.value : 1.0;
-    ns_[name.substr(slash + 1)][name.substr(0, slash)] = run.GetAdjustedRealTime() / perIteration;
+    std::string caseName = name.substr(slash + 1);
+    caseName = caseName.substr(0, std::min(caseName.find("/min_time"), caseName.find("/real_time")));
+    ns_[caseName][name.substr(0, slash)] = run.GetAdjustedRealTime() / perIteration;
   }
 }
 

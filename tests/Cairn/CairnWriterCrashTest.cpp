@@ -428,10 +428,12 @@ void restartAfter(TableHarness<Value> & table, const Reported & reported, int ro
   Arena::WriterLock::releaseWriterLock(table.handler, table.directory());
 }
 
-// Children killed by this process after a random number of operations,
-// wherever they are then, round after round on one table.
-Outcomes killAtRandomMoments(TableHarness<Value> & table, unsigned seed) {
-  std::mt19937 random(seed);
+// Round after round on one table: a child writer works until `kill` has
+// killed it (reading the reports it waits for into `reported`), the rest of
+// its reports are read, and the next writer starts on what it left. `kill`
+// returns false if the child stopped by itself.
+template <typename Kill>
+Outcomes killRoundAfterRound(TableHarness<Value> & table, Kill && kill) {
   Model model;
   Outcomes outcomes;
   for (int round = 0; round < rounds(); ++round) {
@@ -443,20 +445,11 @@ Outcomes killAtRandomMoments(TableHarness<Value> & table, unsigned seed) {
     EXPECT_GT(child, 0);
     ChildGuard guard(child);
     reports.closeWriting();
-
-    // The kill comes once the child has reported this many operations done,
-    // while it goes on working: wherever it is then.
-    const uint32_t killAfter = 1 + random() % MostOperationsBeforeTheKill;
     Reported reported{model, std::nullopt, 0};
-    while (reported.completed < killAfter) {
-      const std::optional<Report> report = reports.receive<Report>();
-      if (!report) {
-        ADD_FAILURE() << "round " << round << ": the child stopped by itself";
-        return outcomes;
-      }
-      apply(reported, *report);
+    if (!kill(guard, reports, reported)) {
+      ADD_FAILURE() << "round " << round << ": the child stopped by itself";
+      return outcomes;
     }
-    guard.kill();
     while (const std::optional<Report> report = reports.receive<Report>()) {
       apply(reported, *report);
     }
@@ -466,6 +459,25 @@ Outcomes killAtRandomMoments(TableHarness<Value> & table, unsigned seed) {
     }
   }
   return outcomes;
+}
+
+// Children killed by this process after a random number of operations,
+// wherever they are then: the kill comes once the child has reported this
+// many operations done, while it goes on working.
+Outcomes killAtRandomMoments(TableHarness<Value> & table, unsigned seed) {
+  std::mt19937 random(seed);
+  return killRoundAfterRound(table, [&](ChildGuard & guard, Pipe & reports, Reported & reported) {
+    const uint32_t killAfter = 1 + random() % MostOperationsBeforeTheKill;
+    while (reported.completed < killAfter) {
+      const std::optional<Report> report = reports.receive<Report>();
+      if (!report) {
+        return false;
+      }
+      apply(reported, *report);
+    }
+    guard.kill();
+    return true;
+  });
 }
 
 }  // namespace
@@ -623,29 +635,11 @@ std::chrono::microseconds mostDelayBeforeTheKill() {
 Outcomes killAtRandomTimes(TableHarness<Value> & table, unsigned seed) {
   std::mt19937 random(seed);
   std::uniform_int_distribution<int64_t> delays(0, mostDelayBeforeTheKill().count() * 1000);
-  Model model;
-  Outcomes outcomes;
-  for (int round = 0; round < rounds(); ++round) {
-    Pipe reports;
-    const pid_t child = forkChild([&] {
-      reports.closeReading();
-      workUntilKilled(table.name, table.descriptor, static_cast<uint64_t>(round), reports);
-    });
-    EXPECT_GT(child, 0);
-    ChildGuard guard(child);
-    reports.closeWriting();
+  return killRoundAfterRound(table, [&](ChildGuard & guard, Pipe &, Reported &) {
     spinFor(std::chrono::nanoseconds(delays(random)));
     guard.kill();
-    Reported reported{model, std::nullopt, 0};
-    while (const std::optional<Report> report = reports.receive<Report>()) {
-      apply(reported, *report);
-    }
-    restartAfter(table, reported, round, model, outcomes);
-    if (::testing::Test::HasFailure()) {
-      return outcomes;
-    }
-  }
-  return outcomes;
+    return true;
+  });
 }
 
 void killWithReadersAttached(const Cairn::MapDescriptor & descriptor, const std::string & name, unsigned seed,
