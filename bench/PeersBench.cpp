@@ -59,7 +59,8 @@ std::string base;  // the tables' directory of this run
 //
 // Each system is a store of Table::Value by key number with the same faces:
 // a writer (create, put, erase, get) and, for those shared between
-// processes, a reader opened in another process (openReader, read).
+// processes, a reader opened in another process (openReader, given the
+// writer process, and read).
 
 template <typename Table>
 using Value = typename Table::Value;
@@ -86,7 +87,7 @@ class TesselStore {
     return found;
   }
 
-  void openReader(uint32_t entries) {
+  void openReader(pid_t /*writer*/, uint32_t entries) {
     reader_ = std::make_unique<Reader>(handler_, fmt::format("bench/{}Peers-{}", Table::name, entries),
                                        typename Table::Ops());
     if (!reader_->initialize("bench")) {
@@ -174,7 +175,7 @@ class BoostStore {
   bool get(uint64_t number, Value<Table> & out) const { return read(number, out); }
 
   // Opens the segment that the writer process `writer` made.
-  void openReaderOf(pid_t writer, uint32_t entries) {
+  void openReader(pid_t writer, uint32_t entries) {
     segmentName_ = fmt::format("tessel-peers-{}-{}-{}", writer, Table::name, entries);
     segment_ = std::make_unique<bip::managed_shared_memory>(bip::open_only, segmentName_.c_str());
     root_ = segment_->find<Root>("root").first;
@@ -247,7 +248,7 @@ class LmdbStore {
   }
   bool get(uint64_t number, Value<Table> & out) const { return read(number, out); }
 
-  void openReader(uint32_t entries) {
+  void openReader(pid_t /*writer*/, uint32_t entries) {
     directory_ = fmt::format("{}/lmdb-{}-{}", base, Table::name, entries);
     open(entries, MDB_RDONLY);
   }
@@ -381,15 +382,6 @@ class WriterProcess {
   pid_t pid_ = -1;
 };
 
-template <typename Table, typename Store>
-void openReader(Store & store, pid_t writer, uint32_t entries) {
-  if constexpr (std::is_same_v<Store, BoostStore<Table>>) {
-    store.openReaderOf(writer, entries);
-  } else {
-    store.openReader(entries);
-  }
-}
-
 // ---------------------------------------------------------------- the cases
 
 template <typename Body>
@@ -472,7 +464,7 @@ std::string currentName;
 
 template <typename Table, typename Store>
 struct ReaderSetup {
-  explicit ReaderSetup(uint32_t entries) : writer(entries) { openReader<Table>(store, writer.pid(), entries); }
+  explicit ReaderSetup(uint32_t entries) : writer(entries) { store.openReader(writer.pid(), entries); }
   WriterProcess<Table, Store> writer;
   Store store;
 };
@@ -542,7 +534,7 @@ Scaling scale(uint32_t entries, unsigned readers, double seconds) {
   for (unsigned index = 0; index < readers; ++index) {
     children.push_back(forkRunning([&, index] {
       Store store;
-      openReader<Table>(store, writer.pid(), entries);
+      store.openReader(writer.pid(), entries);
       const auto probes = Bench::shuffled(0, entries);
       std::size_t next = index * 7919 % entries;
       Value<Table> out;

@@ -408,8 +408,9 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
 
   // Hashes `count` keys into `hashes` and touches, for each, its bucket word
   // and then the first bytes of its chain's head slot (its prefix and as many
-  // as a key takes): the lookups that follow find them in the cache. Only addresses inside the mappings are
-  // touched; nothing read here is trusted (each lookup loads it again).
+  // as a key takes): the lookups that follow find them in the cache. Only
+  // addresses inside the mappings are touched; nothing read here is trusted
+  // (each lookup loads it again).
   void touchChains(const Key * keys, uint32_t * hashes, std::size_t count) const {
     for (std::size_t i = 0; i < count; ++i) {
       hashes[i] = KeyOperations::hash(keys[i]);

@@ -293,8 +293,12 @@ class CairnWriter : public CairnInterface<Key, Value>,
     if (directSlot_ != NoDirectSlot || directNew_) {
       return;  // an open direct operation holds a slot; the next remove asks again
     }
+    const uint32_t threshold = shrinkArgument();
+    if (threshold == 0) {
+      return;
+    }
     writeInProgressIs(true);
-    doMaybeShrinkSlots(shrinkArgument());
+    doMaybeShrinkSlots(threshold);
     writeInProgressIs(false);
   }
 

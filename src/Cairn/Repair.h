@@ -65,9 +65,9 @@ class Repair : public Basalt::Debuggable, public OccupiedMarks {
          Ripple::RippleWriter & ripple)
       : Basalt::Debuggable(handler), tableName_(std::move(tableName)), slots_(slots), map_(map), ripple_(ripple) {}
 
-  // Mends what it can; true if it changed anything. A table it cannot walk
-  // is left alone (traced at level 1) for the Validator to refuse.
-  bool run() {
+  // Mends what it can. A table it cannot walk is left alone (traced at
+  // level 1) for the Validator to refuse.
+  void run() {
     try {
       cutChainsAtTwins();
       markReachableSlots();
@@ -76,7 +76,6 @@ class Repair : public Basalt::Debuggable, public OccupiedMarks {
     } catch (const Basalt::CorruptionDetectedException & exception) {
       BASALT_TRACE(debugHandler(), 1, "Repair::run() {} cannot repair: {}", tableName_, exception.what());
     }
-    return repaired_;
   }
 
   // Called by the map's walk for each slot a chain reaches.
@@ -92,7 +91,6 @@ class Repair : public Basalt::Debuggable, public OccupiedMarks {
   void cutChainsAtTwins() {
     const uint32_t cut = map_.cutChainsAtTwins();
     if (cut != 0) {
-      repaired_ = true;
       BASALT_TRACE(debugHandler(), 1, "Repair::run() {} cut {} bucket chains at their twins, numBuckets:{}",
                    tableName_, cut, map_.buckets().numBuckets());
     }
@@ -143,7 +141,6 @@ class Repair : public Basalt::Debuggable, public OccupiedMarks {
       // last store would have left it.
       Arena::Atomics::publish32(slot->flags, (slot->flags + LOOKASIDE) | OCCUPIED);
       ripple_.notify(index);
-      repaired_ = true;
       BASALT_TRACE(debugHandler(), 1, "Repair::run() {} finished the rewrite of slot:{} from the LookasideSlot",
                    tableName_, index);
     }
@@ -181,7 +178,6 @@ class Repair : public Basalt::Debuggable, public OccupiedMarks {
     // Publishes the new list and count: every slot is on exactly one list again.
     Arena::Atomics::publish32(header.freeSlots, head);
     Arena::Atomics::publish32(header.occupiedSlots, reachableCount_);
-    repaired_ = true;
     BASALT_TRACE(debugHandler(), 1,
                  "Repair::run() {} threaded the free list anew through the {} slots no chain reaches "
                  "({} held an unreachable entry), occupiedSlots:{} -> {}, freeSlots head:{} -> {}",
@@ -216,7 +212,6 @@ class Repair : public Basalt::Debuggable, public OccupiedMarks {
   Ripple::RippleWriter & ripple_;
   std::vector<bool> reachable_;
   uint32_t reachableCount_ = 0;
-  bool repaired_ = false;
 };
 
 }  // namespace Cairn
