@@ -316,25 +316,38 @@ TEST_F(OwnerFileTest, WaiterOfARemovedFileLocksTheNewOne) {
   OwnerFile cleaner(handler_, directory_, false);
   cleaner.lock();
   const std::string lockPath = cleaner.lockPath();
+  int unlocked[2];
+  ASSERT_EQ(pipe(unlocked), 0);
   pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
     alarm(20);  // a lock that never comes ends the child, not the test run
     // The child's copy of the cleaner's descriptor shares its lock; closing
-    // the copy leaves the parent's lock in place.
+    // the copy leaves the parent's lock in place. Until it is closed, the
+    // child holds the file open through it, so the parent waits for the
+    // report before it looks for the waiter's own descriptor.
     cleaner.unlock();
+    (void)!write(unlocked[1], "U", 1);
     OwnerFile waiter(handler_, directory_, false);
     waiter.lock();
     int fd = open(lockPath.c_str(), O_RDWR | O_CLOEXEC);
     const bool pathLocked = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     _exit(pathLocked ? 0 : 1);
   }
+  close(unlocked[1]);
+  char report = '?';
+  ASSERT_EQ(read(unlocked[0], &report, 1), 1);
+  close(unlocked[0]);
   // The waiter opens the file before it tries its lock, and keeps it open
   // while it tries again.
-  for (int i = 0; i < 5000 && !holdsOpen(child, lockPath); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  bool waiterHoldsIt = false;
+  for (int i = 0; i < 5000 && !waiterHoldsIt; ++i) {
+    waiterHoldsIt = holdsOpen(child, lockPath);
+    if (!waiterHoldsIt) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
   }
-  EXPECT_TRUE(holdsOpen(child, lockPath));
+  EXPECT_TRUE(waiterHoldsIt);
   cleaner.remove();
   cleaner.unlock();
   int status = 0;
