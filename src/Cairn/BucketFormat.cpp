@@ -14,9 +14,8 @@ uint32_t BucketTableHeader::doHash() const {
   return mix.result();
 }
 
-bool BucketTableHeader::validate(unsigned long fileSize, ArenaFiles::EpochId wanted,
+bool BucketTableHeader::validate(Arena::VerU32 count, unsigned long fileSize, ArenaFiles::EpochId wanted,
                                  std::string & errorOut) const {
-  const Arena::VerU32 count = numBuckets.load();
   if (magic != BucketMagic) {
     errorOut = fmt::format("BucketTable::Header::validate() bad magic: {:x}", magic);
   } else if (version != BucketVersion) {

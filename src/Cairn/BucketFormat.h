@@ -16,6 +16,8 @@
 //     bucket's successor in table order, or EndOfTable for bucket n - 1 alone.
 //     With all chains joined so, the table is one list sorted by rhash.
 //  3. The count only changes together with its version (one 64-bit store).
+//  4. The file is extended before a count that needs the extension is
+//     published, and never cut short under a published count.
 //
 // Table order visits buckets in the order of their bit-reversed indices
 // (8 buckets: 0 4 2 6 1 5 3 7). The successor of bucket b among n is b + n/2
@@ -48,9 +50,18 @@ struct BucketTableHeader {
   uint64_t reserved;
 
   uint32_t doHash() const;
-  // True if the header is sound for a file of `fileSize` bytes and, when
-  // `wanted` is not none, of that generation; else the message in errorOut.
-  bool validate(unsigned long fileSize, ArenaFiles::EpochId wanted, std::string & errorOut) const;
+  // True if the header, with its count read as `count`, is sound for a file
+  // of `fileSize` bytes and, when `wanted` is not none, of that generation;
+  // else the message in errorOut. While a writer may double the table, the
+  // count must be loaded before the file's size is read: only a size read
+  // after the count is sure to cover it (invariant 4).
+  bool validate(Arena::VerU32 count, unsigned long fileSize, ArenaFiles::EpochId wanted,
+                std::string & errorOut) const;
+  // The same with the count as it stands, for a file whose size no one else
+  // changes meanwhile (the writer's own, a copy at rest).
+  bool validate(unsigned long fileSize, ArenaFiles::EpochId wanted, std::string & errorOut) const {
+    return validate(numBuckets.load(), fileSize, wanted, errorOut);
+  }
   std::string toString() const;
 };
 

@@ -82,7 +82,10 @@ bool BucketReaderTable::validate(ArenaFiles::EpochId wanted, std::string & error
     return false;
   }
   // The mapping may cover only the header: the size that counts is the file's.
-  return header_->validate(wrapper_.fileSize(), wanted, errorOut);
+  // The count is loaded first: a size read before it could predate a doubling
+  // the count already shows, and judge a sound file too short.
+  const Arena::VerU32 count = header_->numBuckets.load();
+  return header_->validate(count, wrapper_.fileSize(), wanted, errorOut);
 }
 
 const SlotLink * BucketReaderTable::operator[](uint32_t index) const {

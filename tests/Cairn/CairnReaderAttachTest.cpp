@@ -1,7 +1,9 @@
 // How a reader joins a writer's files and leaves them: a second initialize
 // and a second detach, counters passed in or owned, files of another
 // generation or with a damaged header (refused, with the corruption file
-// written), an epoch file without a stamp (refused, without it), the state a
+// written), an epoch file without a stamp (refused, without it), a reader whose
+// look at the bucket file's size comes before a doubling that the count it
+// reads already shows (accepted), the state a
 // reader reports, the refusal of every write, and a reader that never writes
 // a byte of the files.
 
@@ -13,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "Cairn/ReaderTestTypes.h"
+#include "Cairn/SyscallProbes.h"
 #include "Support/TextTesting.h"
 
 using namespace CairnTest;
@@ -412,4 +415,51 @@ TEST_F(CairnReaderAttachTest, AReaderNeverWritesAByteOfTheFiles) {
   auto after = snapshot(table.directory());
   EXPECT_EQ(after.erase(Cairn::Util::CORRUPTION_FILENAME), 1u);
   EXPECT_TRUE(after == stamped);
+}
+
+
+namespace {
+
+Cairn::BucketTableHeader * doublingHeader = nullptr;
+const char * doublingPath = nullptr;
+
+// A doubling as the writer makes it, as far as the header goes: the file is
+// extended, then the doubled count published.
+void doubleTheTable() {
+  const Arena::VerU32 count = doublingHeader->numBuckets.load();
+  if (truncate(doublingPath, static_cast<off_t>(Cairn::bucketFileSize(count.value * 2))) == 0) {
+    doublingHeader->numBuckets.store(count.version + 1, count.value * 2);
+  }
+}
+
+}  // namespace
+
+// A reader that joins while the writer doubles the table: the doubling lands
+// right after the reader's look at the bucket file's size. The count the
+// reader judges is the one it read before that look, so the files are sound.
+TEST_F(CairnReaderAttachTest, ADoublingRightAfterTheLookAtTheFileSizeLeavesTheBucketsSound) {
+  auto reader = table.reader();
+  const std::string path = table.file(Cairn::BucketFileName);
+  doublingHeader = &table.bucketHeader();
+  doublingPath = path.c_str();
+  const uint32_t before = table.numBuckets();
+  ASSERT_EQ(table.bucketFile().size(), Cairn::bucketFileSize(before)) << "the file holds no room for a doubling";
+  const int outcome = inChild(
+      [&] {
+        const std::vector<int> descriptors = descriptorsOf(path);
+        StatTrap::afterStat = doubleTheTable;
+        return !descriptors.empty() && StatTrap::install(descriptors);
+      },
+      [&] {
+        std::string error;
+        const bool sound = reader->buckets().validate(epochId, error);
+        if (!sound) {
+          std::fprintf(stderr, "%s\n", error.c_str());
+        }
+        return sound && table.numBuckets() > before;
+      });
+  if (outcome == 2) {
+    GTEST_SKIP() << "seccomp filters are not available here";
+  }
+  EXPECT_EQ(outcome, 0);
 }

@@ -32,12 +32,14 @@ inline bool installFilter(sock_fprog & program) {
          syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &program) == 0;
 }
 
-// In a child process, every fstat of chosen descriptors first runs `onStat`
-// and is then answered as usual: a seccomp filter traps the call, and the
-// SIGSYS handler does both, the answer from a duplicate descriptor.
+// In a child process, every fstat of chosen descriptors first runs `onStat`,
+// is then answered as usual, and then runs `afterStat` before the caller goes
+// on: a seccomp filter traps the call, and the SIGSYS handler does all three,
+// the answer from a duplicate descriptor.
 struct StatTrap {
   static inline int spare = -1;  // a duplicate descriptor of the file, whose fstat is not trapped
   static inline void (*onStat)() = nullptr;
+  static inline void (*afterStat)() = nullptr;
 
   static void handler(int, siginfo_t * info, void * context) {
     auto * registers = static_cast<ucontext_t *>(context)->uc_mcontext.gregs;
@@ -47,6 +49,9 @@ struct StatTrap {
       onStat();
     }
     registers[REG_RAX] = syscall(SYS_fstat, spare, buffer);
+    if (afterStat != nullptr) {
+      afterStat();
+    }
   }
 
   // Traps fstat and newfstatat on each of `descriptors`.
