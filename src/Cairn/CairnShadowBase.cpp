@@ -218,6 +218,14 @@ bool CairnShadowBase::applyEntries(uint64_t generation) {
   Ripple::Notification entry{};
   uint32_t count = 0;
   while (rippleReader.nextEntry(entry)) {
+    if (entry.slot == Ripple::RIPPLE_GAP) {
+      // Entries of given-back slots were left out before it: only a walk
+      // completes the copy (see the header).
+      BASALT_TRACE(debugHandler(), 1, "CairnShadowBase::pass() {} gap at sequence:{}, walking the table again",
+                   rootPath_.toString(), entry.sequence());
+      resync();
+      return false;
+    }
     // False passes the entry over: its change comes with a later entry (see the header).
     // True applies the entry even where the shadow had nothing to do and
     // recorded nothing (a slot free in the table and in the copy, or past the

@@ -55,8 +55,11 @@
 // counters().sequence didn't move, and the change belongs to a later entry
 // of the slot (the entry was tombstoned) or comes again from the new table
 // (the queue swapped: the RippleReader takes the new table up at its first
-// entry above counters().sequence). At the end of a pass that found the
-// queue empty:
+// entry above counters().sequence). A gap entry (the writer left out the
+// entries of slots a shrink gave back) ends the pass and begins resync(): the
+// walk reads every slot, those past the table's end included, so the copy
+// loses what the left-out entries would have taken out. At the end of a pass
+// that found the queue empty:
 //   1. Continuity. If the queue's generation (the control block's epoch)
 //      is not the one attached, or its latest sequence lies below what the
 //      shadow applied, the queue was formatted afresh under it: resync().
@@ -103,6 +106,7 @@
 //   following   wake, maybeEnableRipple()     defer a pass                       following
 //   following   pass: queue empty             continuity, quiesced, sleep        following
 //   following   pass: discontinuity           resync()                           walking
+//   following   pass: gap entry               resync()                           walking
 //   following   pass: corruption              stop consuming,                    stopped
 //                                             corruptionDetected(text)
 //   following   notifyingIs(false)            passes stop, walk paused           paused

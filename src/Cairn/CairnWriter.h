@@ -287,6 +287,9 @@ class CairnWriter : public CairnInterface<Key, Value>,
     return !readerName.empty() && ripple_.clientQuiesced(readerName);
   }
   void handleQuiesced(bool quiesced) override { quiesced_(quiesced); }
+  // Slots at or above the count were given back: their last entries in the
+  // queue may be left out behind a gap.
+  uint32_t slotCount() const override { return slots_.capacity(); }
   // Looks at the table afresh: the queue calls it when it released a shrink's
   // corral, as a shrink asked for meanwhile was ignored.
   void shrink() override {

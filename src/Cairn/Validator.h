@@ -244,6 +244,12 @@ class Validator : public Basalt::Debuggable, public OccupiedMarks {
         }
         continue;
       }
+      if (slot == Ripple::RIPPLE_GAP) {
+        if (notificationMarks_.get(position)) {
+          return fail(fmt::format("Validator::doValidate() a slot's ripplePos on the gap pos:{}", position));
+        }
+        continue;
+      }
       if (!notificationMarks_.get(position)) {
         if (slot < capacity && (writer_->slotTable().slots()[slot]->flags & OCCUPIED)) {
           return fail(fmt::format("Validator::doValidate() occupied slot:{} on deleted notification:{}", slot,

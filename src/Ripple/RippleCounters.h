@@ -13,7 +13,8 @@ struct Counters {
   uint64_t notifications = 0;   // notify calls
   uint64_t tombstones = 0;      // entries tombstoned: by notify, tombstone or a corral release
   uint64_t swaps = 0;           // compactions, each ending in a swap of the tables
-  uint64_t droppedEntries = 0;  // tombstones that compactions left behind
+  uint64_t droppedEntries = 0;  // entries that compactions left behind: tombstones, and given-back slots' entries
+  uint64_t gaps = 0;            // compactions that left out given-back slots' entries, each ending in a gap
   uint64_t grows = 0;           // table files made larger
   uint64_t corrals = 0;         // slot shrinks marked by markShrinkStart
   uint64_t corralReleases = 0;  // corrals whose entries became ordinary entries

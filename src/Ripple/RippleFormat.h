@@ -18,14 +18,15 @@
 //
 //   control block                          table file
 //   0   magic "RIPPLCTL"   8                0   epochId    4  (reserved to the table)
-//   8   version (1)        4                4   capacity   4  entries it has room for
+//   8   version (2)        4                4   capacity   4  entries it has room for
 //   12  epochId            4                8   size       4  entries written
 //   16  entrySize (12)     4                12  entries       12 bytes each, no padding
 //   20  hash               4
 //   24  reserved           8                entry: Notification, 12 bytes, 4-aligned
 //   32  swapCount          4                0   sequence   8  rises from entry to entry
-//   36  reserved           4                8   slot       4  slot index, or
-//   40  corralStart        8                                  RIPPLE_TOMBSTONED
+//   36  reserved           4                8   slot       4  slot index,
+//   40  corralStart        8                                  RIPPLE_TOMBSTONED or
+//                                                             RIPPLE_GAP
 //   48  corralEnd          8
 //   56  reserved           8
 //
@@ -49,6 +50,7 @@
 //  3. One live entry per slot: outside the corral, a slot index names at most
 //     one entry of the current table, and the writer's RipplePos for the slot
 //     holds that entry's position (RIPPLE_TOMBSTONED when there is none).
+//     At most one gap entry is live, the latest.
 //  4. The corral: corralStart is 0, or the first sequence of a slot shrink's
 //     notifications; corralEnd is 0 while that shrink runs and its last
 //     sequence once it ended. An entry whose sequence lies in the corral is
@@ -63,6 +65,12 @@
 //     read what the writer published, never a table being reused.
 //  6. Every file carries the EpochId it was formatted under; the control
 //     block's magic, version, entrySize and hash tell its content from garbage.
+//  7. Gaps: a compaction made while no corral stands may leave out the live
+//     entries of slots at or above the table's slot count (slots a shrink
+//     gave back, whose last change was their emptying). It then appends a
+//     gap entry (slot RIPPLE_GAP) right after its swap. A consumer that meets
+//     a gap can no longer complete its copy from the queue alone: it walks
+//     the table again. Every entry that was left out lies below the gap.
 //
 // Publication, on x86-64 store order with no fence and no locked instruction:
 // an entry's words, then its table's size (publish32); a compacted table's
@@ -94,7 +102,8 @@ constexpr const char * PrimaryFileName = "ripple-primary";
 constexpr const char * SecondaryFileName = "ripple-secondary";
 
 constexpr uint64_t ControlMagic = 0x4C54434C50504952ull;  // "RIPPLCTL" read little-endian
-constexpr uint32_t ControlVersion = 1;
+// 2: gap entries (invariant 7), which a consumer of version 1 would not know.
+constexpr uint32_t ControlVersion = 2;
 constexpr std::size_t ControlBlockSize = 64;
 constexpr std::size_t TableHeaderSize = 12;
 constexpr std::size_t NotificationSize = 12;
@@ -113,6 +122,9 @@ struct Notification {
   // Never a slot index (those stay below SlotLimit) and never a position in
   // a table (those stay below MaxCapacity).
   static constexpr uint32_t RIPPLE_TOMBSTONED = 0xFFFFFFFFu;
+  // The slot word of a gap entry (invariant 7); neither a slot index nor a
+  // position either.
+  static constexpr uint32_t RIPPLE_GAP = 0xFFFFFFFEu;
 
   uint32_t sequenceWords[2];  // the 64-bit sequence, low word first
   uint32_t slot;
@@ -138,6 +150,7 @@ struct Notification {
 };
 
 constexpr uint32_t RIPPLE_TOMBSTONED = Notification::RIPPLE_TOMBSTONED;
+constexpr uint32_t RIPPLE_GAP = Notification::RIPPLE_GAP;
 
 static_assert(std::is_trivially_copyable_v<Notification> && std::is_standard_layout_v<Notification>,
               "an entry lies byte for byte in a shared file: no pointers, no hidden members");
@@ -216,7 +229,7 @@ constexpr uint32_t entriesIn(std::size_t bytes) {
 }
 
 static_assert(tableFileSize(InitialCapacity) <= 4096, "a new table fits one 4 KiB page");
-static_assert(MaxCapacity < RIPPLE_TOMBSTONED && SlotLimit <= RIPPLE_TOMBSTONED,
-              "RIPPLE_TOMBSTONED is neither a position nor a slot index");
+static_assert(MaxCapacity < RIPPLE_GAP && SlotLimit <= RIPPLE_GAP && RIPPLE_GAP < RIPPLE_TOMBSTONED,
+              "RIPPLE_TOMBSTONED and RIPPLE_GAP are neither positions nor slot indices");
 
 }  // namespace Ripple

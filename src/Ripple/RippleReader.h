@@ -15,7 +15,9 @@
 // since a compaction copies the live entries with their sequences. So an entry
 // is never lost: one handed out but not applied is handed out again after a
 // swap. A reader that falls behind meets each changed slot once, and reads the
-// slot's newest value when it handles it. A table that the writer grew in
+// slot's newest value when it handles it. A gap entry (slot RIPPLE_GAP) is
+// handed out as any other: what it asks of the consumer is the consumer's
+// business (invariant 7). A table that the writer grew in
 // place past this reader's mapping is mapped anew, to the file's length, when
 // the reader reaches the end of its mapping (files of the queue never shrink).
 //

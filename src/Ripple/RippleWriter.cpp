@@ -144,12 +144,23 @@ bool RippleWriter::recover(std::string & reason) {
     if (slot == RIPPLE_TOMBSTONED) {
       continue;
     }
+    ++liveEntries_;
+    if (slot == RIPPLE_GAP) {
+      if (gapPosition_ != RIPPLE_TOMBSTONED) {
+        // The writer died inside appendGap, between the new gap and the
+        // tombstone of the older one: finish it.
+        BASALT_TRACE(debugHandler(), 1, "RippleWriter::attach() {} tombstoning the older gap at pos:{}",
+                     directory_, gapPosition_);
+        tombstoneAt(gapPosition_);
+      }
+      gapPosition_ = position;
+      continue;
+    }
     if (slot >= SlotLimit) {
       reason =
           fmt::format("RippleWriter::attach() pos:{} holds slot:{}, which is no slot index", position, slot);
       return false;
     }
-    ++liveEntries_;
     if (inCorral(sequence)) {
       continue;
     }
@@ -188,6 +199,7 @@ void RippleWriter::format() {
   current_ = Primary;
   sequence_ = 0;
   liveEntries_ = 0;
+  gapPosition_ = RIPPLE_TOMBSTONED;
   positions_.clear();
 }
 
@@ -209,6 +221,7 @@ void RippleWriter::detach() {
   current_ = Primary;
   sequence_ = 0;
   liveEntries_ = 0;
+  gapPosition_ = RIPPLE_TOMBSTONED;
   positions_.clear();
   clients_.clear();
   reportedQuiesced_ = true;
@@ -287,23 +300,49 @@ void RippleWriter::tombstoneAt(uint32_t position) {
 
 // ---------------------------------------------------------------- making room
 
+// Only while no corral stands (a gap never lies in one) and with a notifiee
+// to tell the slot count; only when the given-back slots hold at least half
+// of the live entries, so that a gap, and the walk it costs every consumer,
+// comes once per large shrink, not at every compaction.
+RippleWriter::LeaveOut RippleWriter::leaveOut() const {
+  if (notifiee_ == nullptr || corralStart() != 0) {
+    return {};
+  }
+  const uint32_t from = notifiee_->slotCount();
+  uint32_t entries = 0;
+  for (uint32_t slot = from; slot < positions_.count(); ++slot) {
+    if (positions_.at(slot) != RIPPLE_TOMBSTONED) {
+      ++entries;
+    }
+  }
+  if (entries == 0 || uint64_t{entries} * 2 < liveEntries_) {
+    return {};
+  }
+  return {from, entries};
+}
+
 void RippleWriter::makeRoom() {
+  const LeaveOut out = leaveOut();
   const uint32_t capacity = observe32(current().capacity);
-  const bool mostlyLive = static_cast<uint64_t>(liveEntries_) * 2 > capacity;
+  const bool mostlyLive = static_cast<uint64_t>(liveEntries_ - out.entries) * 2 > capacity;
   if (pruneMode_ == PruneMode::Balanced && mostlyLive) {
     growCurrent();
   } else {
-    compact();
+    compact(out);
   }
 }
 
-void RippleWriter::compact() {
+void RippleWriter::compact(LeaveOut out) {
   const TableHeader & from = current();
   const unsigned target = 1 - current_;
   const uint32_t size = observe32(from.size);
-  const uint32_t last = size - 1;  // the table is full: size is its capacity, at least 1
-  // The live entries and the last one (for its sequence) fill at most half of the target.
-  const uint64_t kept = liveEntries_ + (from.entries()[last].tombstoned() ? 1u : 0u);
+  const uint32_t last = size - 1;  // at least one entry: a full table, or one with given-back slots' entries
+  const auto leftOut = [&](uint32_t slot) { return slot != RIPPLE_TOMBSTONED && slot != RIPPLE_GAP && slot >= out.from; };
+  // The live entries kept, the last one (for its sequence) and the gap, if
+  // any, fill at most half of the target.
+  const uint32_t lastSlot = from.entries()[last].loadSlot();
+  const uint64_t kept = liveEntries_ - out.entries + (lastSlot == RIPPLE_TOMBSTONED || leftOut(lastSlot) ? 1u : 0u) +
+                        (out.entries > 0 ? 1u : 0u);
   const uint32_t fromCapacity = observe32(from.capacity);
   uint32_t capacity = fromCapacity;
   while (2 * kept > capacity) {
@@ -316,14 +355,23 @@ void RippleWriter::compact() {
   uint32_t copied = 0;
   for (uint32_t position = 0; position < size; ++position) {
     const Notification & entry = from.entries()[position];
-    const uint32_t slot = entry.loadSlot();
+    uint32_t slot = entry.loadSlot();
+    if (leftOut(slot)) {
+      // A given-back slot's last change, left out (invariant 7): the gap
+      // appended after the swap stands for it.
+      positions_.set(slot, RIPPLE_TOMBSTONED);
+      --liveEntries_;
+      slot = RIPPLE_TOMBSTONED;
+    }
     if (slot == RIPPLE_TOMBSTONED && position != last) {
       continue;
     }
     Notification & copy = to.entries()[copied];
     copy.sequenceIs(entry.sequence());
     copy.publishSlot(slot);
-    if (slot != RIPPLE_TOMBSTONED && positions_.at(slot) == position) {
+    if (slot == RIPPLE_GAP) {
+      gapPosition_ = copied;
+    } else if (slot != RIPPLE_TOMBSTONED && positions_.at(slot) == position) {
       positions_.set(slot, copied);  // corral entries have no RipplePos and keep none
     }
     ++copied;
@@ -341,8 +389,47 @@ void RippleWriter::compact() {
   if (capacity > fromCapacity) {
     ++counters_->grows;
   }
+  if (out.entries > 0) {
+    appendGap();
+  }
+  releaseUnusedPages(1 - current_, 0);
+  releaseUnusedPages(current_, observe32(current().size));
   BASALT_TRACE(debugHandler(), 2, "RippleWriter::compact() {} swapCount:{} kept:{} of {} entries capacity:{}",
                directory_, observe32(control_->swapCount), copied, size, capacity);
+}
+
+// Behind the swap that left the entries out, so that every reader meets the
+// gap in the table it takes up; the older gap goes only once the new one is
+// published, as a slot's older entry does in notify.
+void RippleWriter::appendGap() {
+  const uint32_t older = gapPosition_;
+  gapPosition_ = append(RIPPLE_GAP);
+  if (older != RIPPLE_TOMBSTONED) {
+    tombstoneAt(older);
+  }
+  counters_->sequence = sequence_;
+  ++counters_->gaps;
+  BASALT_TRACE(debugHandler(), 2, "RippleWriter::appendGap() {} sequence:{} pos:{}", directory_, sequence_,
+               gapPosition_);
+}
+
+// After a shrink: the given-back slots' entries go now, not at the next fill.
+// The gap is news for sleeping readers: they are woken to it.
+void RippleWriter::compactIfGivenBack() {
+  const LeaveOut out = leaveOut();
+  if (out.entries == 0) {
+    return;
+  }
+  compact(out);
+  if (nudgeHook_) {
+    nudgeHook_(sequence_);
+  }
+}
+
+// The pages of table `index` past its first `entries` entries go back to the
+// system (see the header). A refusal (traced by the wrapper) costs memory only.
+void RippleWriter::releaseUnusedPages(unsigned index, uint32_t entries) {
+  tableFiles_[index].releaseTail(tableFileSize(entries));
 }
 
 void RippleWriter::growCurrent() {
@@ -404,6 +491,7 @@ void RippleWriter::markShrinkEnd() {
     BASALT_TRACE(debugHandler(), 5, "RippleWriter::markShrinkEnd() {} the shrink notified nothing",
                  directory_);
     clearCorral();
+    compactIfGivenBack();
     return;
   }
   // Closes the corral on the shrink's last notification (invariant 4).
@@ -412,6 +500,7 @@ void RippleWriter::markShrinkEnd() {
                start, sequence_);
   if (clientsPast(sequence_)) {
     releaseCorral();  // no client known to the queue waits for it
+    compactIfGivenBack();
   }
 }
 
@@ -507,6 +596,7 @@ void RippleWriter::afterClientChange() {
   const uint64_t end = corralEnd();
   if (end != 0 && clientsPast(end)) {
     releaseCorral();
+    compactIfGivenBack();
     if (notifiee_ != nullptr) {
       notifiee_->shrink();
     }
@@ -563,6 +653,14 @@ bool RippleWriter::validateEntries(uint32_t mostSlots, std::string & errorText) 
     }
     previous = sequence;
     if (slot == RIPPLE_TOMBSTONED) {
+      continue;
+    }
+    if (slot == RIPPLE_GAP) {
+      if (position != gapPosition_) {
+        errorText = fmt::format("RippleWriter::validate() pos:{} seq:{} is a gap, but the live gap is at pos:{}",
+                                position, sequence, gapPosition_);
+        return false;
+      }
       continue;
     }
     if (slot >= mostSlots) {

@@ -18,6 +18,20 @@
 // that they fill at most half of it, publishes that table's size, and swaps
 // by one store of swapCount. The last entry is always copied, tombstoned or
 // not, so that the latest sequence stays visible to RippleReader::quiesced.
+// After the swap the pages of both tables past what they hold go back to the
+// system: the old table's content is void for every reader (invariant 5), and
+// the new table's past its size is trusted by none (invariant 2).
+//
+// Gaps. A table that shrinks gives slots back, and the queue would keep the
+// live entry of each (their emptying) for ever: after a table of a million
+// entries is emptied, a million entries. When no corral stands and at least
+// half of the live entries are those of slots at or above the notifiee's
+// slotCount(), a compaction leaves them out, and appends a gap entry
+// (invariant 7 of Ripple/RippleFormat.h), which sends each consumer that
+// meets it through a walk of the table; the gap before it is tombstoned. Such
+// a compaction is made by makeRoom, and at once when a shrink's corral is
+// released (or when a shrink ends with none), so that memory goes back
+// without waiting for the next fill.
 //
 // The corral. markShrinkStart() and markShrinkEnd() bracket a slot shrink.
 // Its notifications form the corral (invariant 4): they are never tombstoned,
@@ -80,6 +94,8 @@ class RippleWriterNotifiee {
   virtual ~RippleWriterNotifiee() = default;
   // A corral was released: a slot shrink refused while it stood may now run.
   virtual void shrink() = 0;
+  // The table's slot count now: slots at or above it were given back.
+  virtual uint32_t slotCount() const = 0;
   // The clients' collective answer to quiesced() changed to `quiesced`.
   virtual void handleQuiesced(bool quiesced) = 0;
 };
@@ -153,8 +169,18 @@ class RippleWriter : public RippleTable {
 
   uint32_t append(uint32_t slot);
   void tombstoneAt(uint32_t position);
+  // The live entries of given-back slots that a compaction leaves out: those
+  // of slots at or above `from`, `entries` of them. None: from SlotLimit.
+  struct LeaveOut {
+    uint32_t from = SlotLimit;
+    uint32_t entries = 0;
+  };
+  LeaveOut leaveOut() const;
   void makeRoom();
-  void compact();
+  void compact(LeaveOut out);
+  void compactIfGivenBack();
+  void appendGap();
+  void releaseUnusedPages(unsigned index, uint32_t entries);
   void growCurrent();
   uint32_t doubled(uint32_t capacity) const;
   void mapTable(unsigned index, uint32_t capacity);
@@ -174,6 +200,7 @@ class RippleWriter : public RippleTable {
   unsigned current_ = Primary;
   uint64_t sequence_ = 0;
   uint32_t liveEntries_ = 0;  // entries of the current table not tombstoned
+  uint32_t gapPosition_ = RIPPLE_TOMBSTONED;  // the live gap entry's position, if any
   PositionArray positions_;
   NudgeHook nudgeHook_;
   std::map<std::string, uint64_t> clients_;  // name -> sequence applied

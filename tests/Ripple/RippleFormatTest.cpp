@@ -35,7 +35,7 @@ TEST_F(RippleFormatTest, FilesByRawOffsets) {
   const auto control = readFile(file("ripple-control"));
   ASSERT_EQ(control.size(), 64u);
   EXPECT_EQ(std::string(control.begin(), control.begin() + 8), "RIPPLCTL");
-  EXPECT_EQ(at<uint32_t>(control, 8), 1u);             // version
+  EXPECT_EQ(at<uint32_t>(control, 8), 2u);             // version
   EXPECT_EQ(at<uint32_t>(control, 12), epochA.value);  // epochId
   EXPECT_EQ(at<uint32_t>(control, 16), 12u);           // entrySize
   EXPECT_EQ(at<uint32_t>(control, 20), fixture.writer.control()->doHash());

@@ -508,7 +508,7 @@ TEST_F(RippleWriterTest, HeadersToStringShowsAllThree) {
   fixture.writer.notify(1);
   const std::string text = fixture.writer.headersToString();
   EXPECT_NE(text.find("RippleTable " + directory), std::string::npos) << text;
-  EXPECT_NE(text.find("RippleTable::Control() magic:0x4c54434c50504952 version:1 epoch:0x000010e1 "
+  EXPECT_NE(text.find("RippleTable::Control() magic:0x4c54434c50504952 version:2 epoch:0x000010e1 "
                       "entrySize:12"),
             std::string::npos)
       << text;
