@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <cstdint>
 
 #include "Arena/Memory.h"
 #include "Basalt/Exception.h"
@@ -34,6 +35,19 @@ void PositionArray::clear() {
   records_ = nullptr;
   count_ = 0;
   pointing_ = 0;
+}
+
+void PositionArray::releaseFrom(uint32_t slot) {
+  if (slot >= count_ || memory_.useHeap()) {
+    return;
+  }
+  const auto begin = reinterpret_cast<std::uintptr_t>(records_ + slot);
+  const auto end = reinterpret_cast<std::uintptr_t>(records_ + count_);
+  const std::uintptr_t first = (begin + Arena::pageSize_ - 1) / Arena::pageSize_ * Arena::pageSize_;
+  if (first < end) {
+    // Private anonymous memory: the pages come back zero-filled when touched.
+    madvise(reinterpret_cast<void *>(first), end - first, MADV_DONTNEED);
+  }
 }
 
 // Doubles the array until it covers `slot`: new records are zeroed pages,

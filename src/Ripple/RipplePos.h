@@ -37,6 +37,9 @@ class PositionArray {
   // Basalt::MemoryResourceException if the memory can't be had.
   void set(uint32_t slot, uint32_t position);
   void clear();
+  // Gives back the memory of the records from `slot` on, which must all say
+  // "no entry": their pages read as zeros again, which is just that.
+  void releaseFrom(uint32_t slot);
   // The records the array holds; slots at or above it have no entry.
   uint32_t count() const { return count_; }
   // The slots that have an entry: what the validator compares with the live

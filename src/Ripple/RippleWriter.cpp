@@ -391,6 +391,7 @@ void RippleWriter::compact(LeaveOut out) {
   }
   if (out.entries > 0) {
     appendGap();
+    positions_.releaseFrom(out.from);  // no given-back slot has an entry now
   }
   releaseUnusedPages(1 - current_, 0);
   releaseUnusedPages(current_, observe32(current().size));
