@@ -88,29 +88,15 @@ bool BucketReaderTable::validate(ArenaFiles::EpochId wanted, std::string & error
   return header_->validate(count, wrapper_.fileSize(), wanted, errorOut);
 }
 
-const SlotLink * BucketReaderTable::operator[](uint32_t index) const {
-  // Bounded by the local count, so a stale, torn or corrupt link can never
-  // lead the reader out of its mapping.
-  if (index >= numBuckets_.value) {
-    throw Basalt::CorruptionDetectedException(
-        fmt::format("BucketReader::operator[] out-of-range, index:{} max:{}", index,
-                    static_cast<int64_t>(numBuckets_.value) - 1));
-  }
-  return reinterpret_cast<const SlotLink *>(reinterpret_cast<const char *>(header_) + BucketHeaderSize) + index;
+void BucketReaderTable::throwOutOfRange(uint32_t index) const {
+  throw Basalt::CorruptionDetectedException(fmt::format("BucketReader::operator[] out-of-range, index:{} max:{}", index,
+                                                        static_cast<int64_t>(numBuckets_.value) - 1));
 }
 
-bool BucketReaderTable::versionMoved() const {
-  return header_ != nullptr && header_->numBuckets.loadVersion() != numBuckets_.version;
-}
-
-void BucketReaderTable::checkResize() const {
-  // Detects a writer that doubled or halved the table since this reader's
-  // last remap: an answer of "not found" from a stale count is not given.
-  if (versionMoved()) {
-    throw Basalt::CorruptionDetectedException(
-        fmt::format("BucketReader::checkResize() found mismatch, local numBuckets:{} header numBuckets:{}",
-                    numBuckets_.toString(), header_->numBuckets.load().toString()));
-  }
+void BucketReaderTable::throwResizeMismatch() const {
+  throw Basalt::CorruptionDetectedException(
+      fmt::format("BucketReader::checkResize() found mismatch, local numBuckets:{} header numBuckets:{}",
+                  numBuckets_.toString(), header_->numBuckets.load().toString()));
 }
 
 std::string BucketReaderTable::toString() const {

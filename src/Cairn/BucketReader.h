@@ -38,12 +38,28 @@ class BucketReaderTable : public Basalt::Debuggable {
 
   // The entry's address; past the local count,
   // "BucketReader::operator[] out-of-range, index:<i> max:<count - 1>".
-  const SlotLink * operator[](uint32_t index) const;
+  // Bounded by the local count, so a stale, torn or corrupt link can never
+  // lead the reader out of its mapping. Inline: every lookup takes it.
+  const SlotLink * operator[](uint32_t index) const {
+    if (index >= numBuckets_.value) [[unlikely]] {
+      throwOutOfRange(index);
+    }
+    return reinterpret_cast<const SlotLink *>(reinterpret_cast<const char *>(header_) + BucketHeaderSize) + index;
+  }
   // Throws "BucketReader::checkResize() found mismatch, ..." when the file's
   // count has moved from the local one: the test that a not-found rests on.
-  void checkResize() const;
-  // True when the file's numBuckets version differs from the local one.
-  bool versionMoved() const;
+  // Detects a writer that doubled or halved the table since this reader's
+  // last remap: an answer of "not found" from a stale count is not given.
+  void checkResize() const {
+    if (versionMoved()) [[unlikely]] {
+      throwResizeMismatch();
+    }
+  }
+  // True when the file's numBuckets version differs from the local one: one
+  // load, taken after every lookup.
+  bool versionMoved() const {
+    return header_ != nullptr && header_->numBuckets.loadVersion() != numBuckets_.version;
+  }
 
   bool mapped() const { return header_ != nullptr; }
   const BucketTableHeader * header() const { return header_; }
@@ -54,6 +70,9 @@ class BucketReaderTable : public Basalt::Debuggable {
   std::string toString() const;
 
  private:
+  [[noreturn]] void throwOutOfRange(uint32_t index) const;
+  [[noreturn]] void throwResizeMismatch() const;
+
   const RootPath & rootPath_;
   Reader::Counters * counters_;
   Arena::ArenaFilesWrapper wrapper_;

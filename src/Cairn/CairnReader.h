@@ -49,7 +49,7 @@
 namespace Cairn {
 
 template <typename Key, typename Value, typename Ops>
-class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable {
+class CairnReader final : public CairnInterface<Key, Value>, public Basalt::Debuggable {
  public:
   using SlotReader = SlotReaderTable<Key, Value, Ops>;
   using Slot = typename SlotReader::Slot;
@@ -366,9 +366,12 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
         throw Basalt::CorruptionDetectedException(fmt::format(
             "CairnReader::doLookup() hash chain cycle detected, slotCount:{} capacity:{}", count, capacity()));
       }
-      // The key alone, whole under the flags protocol: the value is copied
-      // only from the slot whose key is the one wanted.
-      const uint64_t read = slotTable_.getKey(link.value, dest);
+      // Whole under the flags protocol: the key alone, or the whole value
+      // where the slot's rhash is the wanted one, so that a hit is copied
+      // once. Either copy is judged by itself below.
+      const bool wholeValue = slotTable_.peekRhash(link.value) == wanted;
+      const uint64_t read =
+          wholeValue ? slotTable_.getValue(link.value, dest, nullptr) : slotTable_.getKey(link.value, dest);
       const uint32_t flags = static_cast<uint32_t>(read);
       const uint32_t rhash = static_cast<uint32_t>(read >> 32);
       const Key & slotKey = KeyOperations::key(dest);
@@ -381,7 +384,12 @@ class CairnReader : public CairnInterface<Key, Value>, public Basalt::Debuggable
             fmt::format("CairnReader::doLookup() slot:{} not marked as occupied key:{}", link.value, hex(slotKey)));
       }
       if (wanted == rhash && KeyOperations::equal(key, slotKey)) {
-        return copyFound(key, prev, link, wanted, dest);
+        if (!wholeValue) {
+          return copyFound(key, prev, link, wanted, dest);
+        }
+        // Occupied, the wanted rhash and key, all of one copy: it counts once
+        // the link that led here is seen unchanged.
+        return moved(prev, link) ? Pass::Restart : Pass::Found;
       }
       if (wanted < rhash || (wanted == rhash && KeyOperations::less(key, slotKey))) {
         // Passed the key's place in split order: not on this chain.

@@ -36,7 +36,7 @@
 namespace Cairn {
 
 template <typename Key, typename Value, typename Ops>
-class SlotReaderTable : public SlotTable<Value> {
+class SlotReaderTable final : public SlotTable<Value> {
   using Base = SlotTable<Value>;
 
  public:
@@ -53,7 +53,7 @@ class SlotReaderTable : public SlotTable<Value> {
     uint32_t count = 0;
 
     const Slot * operator[](uint32_t index) const {
-      if (index >= count) {
+      if (index >= count) [[unlikely]] {
         throw Basalt::CorruptionDetectedException(
             fmt::format("SlotReader::Slots::operator[] out-of-range index:{} numSlots:{}", index, count));
       }
@@ -89,11 +89,81 @@ class SlotReaderTable : public SlotTable<Value> {
   }
 
   // Brings the mapping and the local pair up to the header's numSlots. True
-  // if it did anything. The fast path is one load and one compare.
+  // if it did anything. Taken after every lookup, so the test stays inline:
+  // one load and one compare; the remap is out of line.
   bool doResize() {
-    if (this->header_ == nullptr || this->header_->numSlots.loadVersion() == numSlots_.version) {
+    if (this->header_ == nullptr || this->header_->numSlots.loadVersion() == numSlots_.version) [[likely]] {
       return false;
     }
+    return remap();
+  }
+
+  // Copies the value of a slot, whole: old or new, never a mixture. Returns
+  // flags in the low half and rhash in the high half; the caller tests
+  // OCCUPIED. Leaves the version anchor on the slot's flags word.
+  uint64_t getValue(uint32_t slotIndex, Value & value, const void * /*unused*/) const {
+    return copyUnderFlags(slotIndex, [&](const Slot * source, bool fromLookaside) {
+      if (fromLookaside) [[unlikely]] {
+        ++counters_->lookasideReads;
+      }
+      Marshalling::fromSlot(value, &source->value);
+    });
+  }
+
+  // The same for the key alone: copies into `value` the words that hold its
+  // key, whole, of the same state as the flags and rhash it returns; the rest
+  // of `value` is left as it was. lookasideReads counts values, not keys.
+  uint64_t getKey(uint32_t slotIndex, Value & value) const {
+    return copyUnderFlags(slotIndex, [&](const Slot * source, bool /*fromLookaside*/) {
+      Arena::Atomics::copyQuietOut(reinterpret_cast<uint64_t *>(&value) + keyWords_.first,
+                                   reinterpret_cast<const uint64_t *>(&source->value) + keyWords_.first,
+                                   8 * keyWords_.count);
+    });
+  }
+
+  // The slot's rhash as it stands, for choosing which copy to make; never
+  // trusted: every conclusion comes from a copy under the flags protocol. (A
+  // slot being rewritten may show a passing rhash; a wrong guess costs a
+  // copy, never an answer.)
+  uint32_t peekRhash(uint32_t slotIndex) const { return Arena::Atomics::observe32(slots_[slotIndex]->rhash); }
+
+  void detach() override {
+    BASALT_TRACE(this->debugHandler(), 5, "SlotReader::detach() delegating to SlotTable::detach()");
+    Base::detach();
+    numSlots_ = Arena::VerU32{};
+    slots_ = Slots{};
+  }
+
+  uint32_t capacity() const override { return slots_.count; }
+  const Slots & slots() const { return slots_; }
+  const Arena::VerU32 & localNumSlots() const { return numSlots_; }
+  Arena::VersionAnchor & spareAnchor() { return spareAnchor_; }
+  const Arena::VersionAnchor & cacheVersionAnchor() const { return this->versionAnchor_; }
+  void resetAnchor() const { this->versionAnchor_.reset(); }
+
+  // A copy of the header that is consistent with one numSlots version: copied
+  // qword by qword between two loads of that version, again until they agree.
+  Header stableHeader() const {
+    std::array<uint64_t, SlotHeaderFixedSize / 8> words;
+    const auto * shared = reinterpret_cast<const uint64_t *>(this->header_);
+    while (true) {
+      const uint32_t before = this->header_->numSlots.loadVersion();
+      Arena::Atomics::loadFence();
+      for (std::size_t i = 0; i < words.size(); ++i) {
+        words[i] = Arena::Atomics::loadQuiet64(shared[i]);
+      }
+      Arena::Atomics::loadFence();  // the copy stays before the second version load
+      if (this->header_->numSlots.loadVersion() == before) {
+        Header copy;
+        std::memcpy(static_cast<void *>(&copy), words.data(), sizeof(copy));
+        return copy;
+      }
+    }
+  }
+
+ private:
+  // The slow half of doResize(): maps the count now in the header.
+  [[gnu::noinline]] bool remap() {
     Header copy;
     std::size_t needed;
     while (true) {
@@ -136,62 +206,6 @@ class SlotReaderTable : public SlotTable<Value> {
     return true;
   }
 
-  // Copies the value of a slot, whole: old or new, never a mixture. Returns
-  // flags in the low half and rhash in the high half; the caller tests
-  // OCCUPIED. Leaves the version anchor on the slot's flags word.
-  uint64_t getValue(uint32_t slotIndex, Value & value, const void * /*unused*/) const {
-    return copyUnderFlags(slotIndex, [&](const Slot * source, bool fromLookaside) {
-      counters_->lookasideReads += fromLookaside ? 1 : 0;
-      Marshalling::fromSlot(value, &source->value);
-    });
-  }
-
-  // The same for the key alone: copies into `value` the words that hold its
-  // key, whole, of the same state as the flags and rhash it returns; the rest
-  // of `value` is left as it was. lookasideReads counts values, not keys.
-  uint64_t getKey(uint32_t slotIndex, Value & value) const {
-    return copyUnderFlags(slotIndex, [&](const Slot * source, bool /*fromLookaside*/) {
-      Arena::Atomics::copyQuietOut(reinterpret_cast<uint64_t *>(&value) + keyWords_.first,
-                                   reinterpret_cast<const uint64_t *>(&source->value) + keyWords_.first,
-                                   8 * keyWords_.count);
-    });
-  }
-
-  void detach() override {
-    BASALT_TRACE(this->debugHandler(), 5, "SlotReader::detach() delegating to SlotTable::detach()");
-    Base::detach();
-    numSlots_ = Arena::VerU32{};
-    slots_ = Slots{};
-  }
-
-  uint32_t capacity() const override { return slots_.count; }
-  const Slots & slots() const { return slots_; }
-  const Arena::VerU32 & localNumSlots() const { return numSlots_; }
-  Arena::VersionAnchor & spareAnchor() { return spareAnchor_; }
-  const Arena::VersionAnchor & cacheVersionAnchor() const { return this->versionAnchor_; }
-  void resetAnchor() const { this->versionAnchor_.reset(); }
-
-  // A copy of the header that is consistent with one numSlots version: copied
-  // qword by qword between two loads of that version, again until they agree.
-  Header stableHeader() const {
-    std::array<uint64_t, SlotHeaderFixedSize / 8> words;
-    const auto * shared = reinterpret_cast<const uint64_t *>(this->header_);
-    while (true) {
-      const uint32_t before = this->header_->numSlots.loadVersion();
-      Arena::Atomics::loadFence();
-      for (std::size_t i = 0; i < words.size(); ++i) {
-        words[i] = Arena::Atomics::loadQuiet64(shared[i]);
-      }
-      Arena::Atomics::loadFence();  // the copy stays before the second version load
-      if (this->header_->numSlots.loadVersion() == before) {
-        Header copy;
-        std::memcpy(static_cast<void *>(&copy), words.data(), sizeof(copy));
-        return copy;
-      }
-    }
-  }
-
- private:
   // The qwords of a value that hold its key.
   struct KeyWords {
     std::size_t first;
