@@ -354,3 +354,32 @@ TEST_F(SlotReaderTest, LookasideLeftSetByADeadWriterIsReadFromTheLookasideSlot) 
   EXPECT_EQ(walk(*reader), inTableOrder({HashedKey{0, 0}, HashedKey{1, 1}, HashedKey{2, 2}}));
   EXPECT_EQ(reader->counters().lookasideReads, 4u);
 }
+
+TEST_F(SlotReaderTest, ALookupHitIsReadWholeWhateverRhashTheSlotItselfShowsDuringARewrite) {
+  fill(3);
+  const HashedKey key{1, 1};
+  auto * slot = table.slotOf(key);
+  auto * lookaside = table.writer().slotTable().lookasideSlot();
+  Arena::Atomics::publish32(lookaside->rhash, slot->rhash);
+  lookaside->value = valueOf(1, 1, 999);
+  Arena::Atomics::publish32(slot->flags, slot->flags + 2);
+  auto reader = table.reader();
+  reader->doResize();
+
+  // The writer stays (idle) so that its mapping can change the slot between
+  // lookups, as a rewrite in flux would. The slot's own rhash is a hint of which copy to make, never an answer:
+  // in flux (another key's), the wanted one, and zero, the lookup answers
+  // the value of the LookasideSlot each time, read once.
+  for (const uint32_t shown : {Basalt::Util::reverse(7u), Basalt::Util::reverse(1u), 0u}) {
+    Arena::Atomics::publish32(slot->rhash, shown);
+    const uint64_t before = reader->counters().lookasideReads;
+    bool found = false;
+    HashedValue value;
+    reader->lookup(key, found, &value);
+    EXPECT_TRUE(found) << shown;
+    EXPECT_EQ(value, valueOf(1, 1, 999)) << shown;
+    EXPECT_EQ(reader->counters().lookasideReads, before + 1) << shown;
+    reader->lookup(HashedKey{1, 2}, found, &value);  // of the same hash, past it
+    EXPECT_FALSE(found) << shown;
+  }
+}
