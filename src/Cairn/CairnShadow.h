@@ -130,6 +130,11 @@ class CairnShadow : public CairnShadowBase, public CairnInterface<K, V> {
     return done;
   }
   void doFlushSlot(unsigned slotIndex) override { store_->doFlushSlot(slotIndex); }
+  void prefetchSlot(uint32_t slotIndex) const override {
+    if (store_ != nullptr) {
+      store_->prefetch(slotIndex);
+    }
+  }
 
   void syncComplete() override {
     counters().sequence = syncSequence();

@@ -30,6 +30,8 @@
 //   localCapacity(), capacity()      slots of the copy, and of the reader
 //   resize()                         bring the reader's mappings up to date
 //   quiesced()                       RippleReader::quiesced()
+// and may provide prefetchSlot(slot), which touches a slot a few entries
+// ahead of its doSlot (the default touches nothing),
 // and overrides yieldTimeIs, sampleIs and notifyingIs (virtual here and in
 // CairnInterfaceBase, with the same signatures) to call these.
 //
@@ -143,6 +145,9 @@ class CairnShadowBase : public Basalt::Debuggable {
   static constexpr uint32_t KeyShadowFlag = 1;
   static constexpr uint32_t CompareNotificationsFlag = 2;
   static constexpr uint32_t NotifyOnFlushFlag = 4;
+  // How many queue entries ahead of the one applied a slot is touched: far
+  // enough for a miss to be served before its turn, near enough to stay cached.
+  static constexpr uint32_t PrefetchDistance = 8;
 
   // `path` is the table's name, as a CairnReader takes it. Touches no file.
   CairnShadowBase(Basalt::Platform::DebugHandler & handler, std::string path, unsigned flags);
@@ -153,6 +158,7 @@ class CairnShadowBase : public Basalt::Debuggable {
   // ---- Provided by the derived shadow ----
 
   virtual bool doSlot(unsigned slotIndex, uint64_t sequence, bool compare) = 0;
+  virtual void prefetchSlot(uint32_t /*slotIndex*/) const {}
   virtual void doFlushSlot(unsigned slotIndex) = 0;
   virtual void handleQuiesced(bool quiesced) = 0;
   virtual void corruptionDetected(const std::string & message) = 0;

@@ -58,6 +58,7 @@ class ShadowStoreInterface {
   virtual bool initialize() = 0;
   virtual bool doSlot(uint32_t slotIndex, uint64_t sequence, bool compare) = 0;
   virtual void doFlushSlot(uint32_t slotIndex) = 0;
+  virtual void prefetch(uint32_t slotIndex) const = 0;
   virtual uint64_t shadowMappedSize() const = 0;
   virtual uint64_t epochMappedSize() const = 0;
   virtual const V * directLookup(const K & key, bool & found, V * out) const = 0;
@@ -133,6 +134,15 @@ class ShadowStore : public ShadowStoreInterface<K, V>, public Basalt::Debuggable
       return true;
     }
     return update(slotIndex, sequence, compare);
+  }
+
+  // Touches, ahead of its doSlot, the shared slot and this copy's slot of
+  // `slotIndex`; keeps nothing it reads. Past either end it touches nothing.
+  void prefetch(uint32_t slotIndex) const override {
+    reader_.slotTable().prefetch(slotIndex);
+    if (slotIndex < numSlots_) {
+      __builtin_prefetch(&slots_[slotIndex]);
+    }
   }
 
   void doFlushSlot(uint32_t slotIndex) override {

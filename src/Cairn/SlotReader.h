@@ -121,6 +121,14 @@ class SlotReaderTable final : public SlotTable<Value> {
     });
   }
 
+  // Touches the first bytes of slot `slotIndex` (flags, rhash and the start
+  // of the value) ahead of a read of it; nothing past the mapping.
+  void prefetch(uint32_t slotIndex) const {
+    if (slotIndex < slots_.count) {
+      __builtin_prefetch(slots_.base + slotIndex);
+    }
+  }
+
   // The slot's rhash as it stands, for choosing which copy to make; never
   // trusted: every conclusion comes from a copy under the flags protocol. (A
   // slot being rewritten may show a passing rhash; a wrong guess costs a

@@ -72,6 +72,15 @@ void RippleReader::detach() {
   next_ = 0;
 }
 
+uint32_t RippleReader::slotAhead(uint32_t distance) const {
+  const RippleNotifications & table = notifications_[tableIndex_];
+  const uint64_t index = uint64_t{next_} + distance;
+  if (!attached_ || index >= table.limit) {
+    return RIPPLE_TOMBSTONED;
+  }
+  return table[static_cast<uint32_t>(index)].loadSlot();
+}
+
 bool RippleReader::nextEntry(Notification & out) {
   if (!attached_) {
     return false;

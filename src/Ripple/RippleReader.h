@@ -72,6 +72,12 @@ class RippleReader : public RippleTable {
   // The next live entry after `position`: true and the entry in `out`, with
   // `position` on it; false when there is none now.
   bool nextEntry(Notification & out);
+  // The slot word of the entry `distance` places past the one nextEntry
+  // looks at next, for a consumer that touches that slot ahead of its turn
+  // so that the cache misses of scattered slots overlap. A hint, never
+  // trusted: no size or swap is checked, so it may be any word (a tombstone,
+  // a gap, an entry not yet published); RIPPLE_TOMBSTONED past the mapping.
+  uint32_t slotAhead(uint32_t distance) const;
   // True if this reader has applied the writer's last notification. Never throws.
   bool quiesced() const;
   // True if the entry at `position` still stands: its table is still current

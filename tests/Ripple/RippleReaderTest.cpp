@@ -161,6 +161,33 @@ TEST_F(RippleReaderTest, AReaderFollowsATableGrownInPlace) {
   EXPECT_TRUE(fixture.reader.quiesced());
 }
 
+// ---------------------------------------------------------------- slotAhead
+
+TEST_F(RippleReaderTest, SlotAheadNamesTheSlotOfALaterEntryAndNothingPastTheMapping) {
+  WriterFixture writer(directory, PruneMode::Synchronous);
+  ReaderFixture fixture(directory);
+  EXPECT_EQ(fixture.reader.slotAhead(0), RIPPLE_TOMBSTONED);  // not attached
+  for (uint32_t slot : {10u, 11u, 12u, 13u}) {
+    writer.writer.notify(slot);
+  }
+  ASSERT_TRUE(fixture.reader.attach(epochA));
+  EXPECT_EQ(fixture.reader.slotAhead(0), 10u);  // the entry nextEntry hands out next
+  EXPECT_EQ(fixture.reader.slotAhead(3), 13u);
+  Ripple::Notification entry{};
+  ASSERT_TRUE(fixture.reader.nextEntry(entry));
+  EXPECT_EQ(fixture.reader.slotAhead(0), 11u);
+  EXPECT_EQ(fixture.reader.slotAhead(2), 13u);
+  EXPECT_EQ(fixture.reader.slotAhead(3), 0u);  // not yet published: a hint, not an entry
+  writer.writer.notify(11);                    // tombstones entry 1: the hint shows it
+  EXPECT_EQ(fixture.reader.slotAhead(0), RIPPLE_TOMBSTONED);
+  const uint32_t limit = fixture.reader.notifications(fixture.reader.tableIndex()).limit;
+  EXPECT_EQ(fixture.reader.slotAhead(limit - 2), 0u);  // the mapping's last entry
+  EXPECT_EQ(fixture.reader.slotAhead(limit - 1), RIPPLE_TOMBSTONED);
+  EXPECT_EQ(fixture.reader.slotAhead(0xFFFFFFFFu), RIPPLE_TOMBSTONED);
+  ASSERT_TRUE(fixture.reader.nextEntry(entry));  // and nextEntry is unmoved by any of it
+  EXPECT_EQ(entry.slot, 12u);
+}
+
 // ---------------------------------------------------------------- validateNotif
 
 TEST_F(RippleReaderTest, ValidateNotifIsFalseOnATombstoneAndAfterASwap) {
