@@ -60,6 +60,10 @@ Registration EventLoop::runSoon(Callback call) {
   return Registration(*this, doRunSoon(std::move(call)));
 }
 
+Registration EventLoop::eachTurn(Callback call) {
+  return Registration(*this, doEachTurn(std::move(call)));
+}
+
 bool EventLoop::runUntil(const std::function<bool()> & done, Duration timeout) {
   bool expired = false;
   Registration deadline = timerOnce(timeout, [&expired] { expired = true; });

@@ -21,6 +21,10 @@
 //    between its slices.
 // 5. An exception that escapes a callback stops the loop and comes out of
 //    the run, runOnce or runUntil that ran it.
+// 6. An eachTurn callback runs once in every iteration, before the loop
+//    looks at its descriptors, and never makes it wait less: if it defers a
+//    call, that call runs in the next iteration without waiting; if not, the
+//    loop sleeps as it would have. It alone keeps no run() going.
 //
 // A Registration must not outlive its loop. A descriptor has at most one
 // watch at a time, and its watch is cancelled before the descriptor is
@@ -35,7 +39,7 @@ namespace Loop {
 class EventLoop;
 
 // The handle of one piece of work registered on a loop: an fd watch, a
-// timer or a deferred call. Move-only; destroying it cancels the work.
+// timer, a deferred call or a per-iteration call. Move-only; destroying it cancels the work.
 class [[nodiscard]] Registration {
  public:
   Registration() = default;
@@ -75,6 +79,10 @@ class EventLoop {
   Registration timerRepeat(Duration period, Callback onTimeout);
   // Calls `call` once, in the next iteration of the loop (contract 4).
   Registration runSoon(Callback call);
+  // Calls `call` in every iteration, before the loop waits, until cancelled
+  // (contract 6): for a look at shared memory that is cheaper than a system
+  // call, so that a busy loop notices a change before its wake-up arrives.
+  Registration eachTurn(Callback call);
 
   // Runs until stop() is called or nothing is registered any more.
   virtual void run() = 0;
@@ -93,6 +101,7 @@ class EventLoop {
   virtual uint64_t doWatchReadable(int fd, Callback onReadable) = 0;
   virtual uint64_t doTimer(Duration after, Duration period, Callback onTimeout) = 0;
   virtual uint64_t doRunSoon(Callback call) = 0;
+  virtual uint64_t doEachTurn(Callback call) = 0;
   virtual void doCancel(uint64_t id) = 0;
   virtual bool doActive(uint64_t id) const = 0;
 };

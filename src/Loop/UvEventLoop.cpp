@@ -35,6 +35,7 @@ struct UvEventLoop::Entry {
     uv_handle_t handle;
     uv_poll_t poll;
     uv_timer_t timer;
+    uv_prepare_t prepare;
   } uv;
 };
 
@@ -117,6 +118,23 @@ uint64_t UvEventLoop::doTimer(Duration after, Duration period, Callback onTimeou
                        [](uv_timer_t * handle) { onTimer(*static_cast<Entry *>(handle->data)); },
                        static_cast<uint64_t>(after.count()), static_cast<uint64_t>(period.count())),
         "uv_timer_start()");
+  return entry->id;
+}
+
+// A prepare handle runs after the idle handle and before the loop computes
+// how long to wait, so a call it defers makes that wait zero (contract 6).
+uint64_t UvEventLoop::doEachTurn(Callback call) {
+  auto * entry = new Entry{this, nextId_++, std::move(call), false, {}};
+  check(uv_prepare_init(loop_.get(), &entry->uv.prepare), "uv_prepare_init()");
+  entry->uv.handle.data = entry;
+  entries_.emplace(entry->id, entry);
+  check(uv_prepare_start(&entry->uv.prepare,
+                         [](uv_prepare_t * handle) {
+                           auto & turn = *static_cast<Entry *>(handle->data);
+                           turn.owner->invoke(turn.callback);
+                         }),
+        "uv_prepare_start()");
+  uv_unref(&entry->uv.handle);
   return entry->id;
 }
 

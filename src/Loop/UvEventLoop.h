@@ -1,7 +1,8 @@
 #pragma once
 // Loop::UvEventLoop: the EventLoop on libuv (epoll underneath). A watch is a
-// uv_poll_t, a timer a uv_timer_t; deferred calls wait in a queue that one
-// uv_idle_t drains, and that handle is active only while the queue holds a
+// uv_poll_t, a timer a uv_timer_t, a per-iteration call a uv_prepare_t
+// (unreferenced: it keeps no run() going); deferred calls wait in a queue that
+// one uv_idle_t drains, and that handle is active only while the queue holds a
 // call, so an idle loop blocks in epoll_wait. Why libuv: docs/EVENTLOOP.md.
 //
 // One thread: the one that runs it. Destroying the loop cancels whatever is
@@ -35,6 +36,7 @@ class UvEventLoop : public EventLoop {
   uint64_t doWatchReadable(int fd, Callback onReadable) override;
   uint64_t doTimer(Duration after, Duration period, Callback onTimeout) override;
   uint64_t doRunSoon(Callback call) override;
+  uint64_t doEachTurn(Callback call) override;
   void doCancel(uint64_t id) override;
   bool doActive(uint64_t id) const override;
 

@@ -154,6 +154,52 @@ TEST_F(EventLoopTest, SlicedWorkLetsADescriptorBeServedBetweenSlices) {
   EXPECT_EQ(sliceAtRead, 1);
 }
 
+TEST_F(EventLoopTest, AnEachTurnCallRunsOnceInEveryIterationUntilCancelled) {
+  int turns = 0;
+  Loop::Registration turn = loop_.eachTurn([&turns] { ++turns; });
+  EXPECT_TRUE(turn.active());
+  spin(3);
+  EXPECT_EQ(turns, 3);
+  turn.cancel();
+  EXPECT_FALSE(turn.active());
+  spin(3);
+  EXPECT_EQ(turns, 3);
+}
+
+TEST_F(EventLoopTest, ACallDeferredByAnEachTurnCallRunsInTheNextIterationWithoutWaiting) {
+  // A watch that never fires keeps the loop waiting; the guard ends a wait
+  // that should not have happened, so the test fails instead of hanging.
+  Pipe pipe;
+  Loop::Registration watch = loop_.watchReadable(pipe.readEnd(), [] { FAIL() << "never readable"; });
+  bool guardFired = false;
+  Loop::Registration guard = loop_.timerOnce(Deadline, [&guardFired] { guardFired = true; });
+  int turns = 0;
+  bool ran = false;
+  Loop::Registration call;
+  Loop::Registration turn = loop_.eachTurn([&] {
+    if (++turns == 1) {
+      call = loop_.runSoon([&ran] { ran = true; });
+    }
+  });
+  loop_.runOnce();  // the turn defers the call: this iteration does not wait
+  EXPECT_FALSE(ran);
+  loop_.runOnce();  // the call runs
+  EXPECT_TRUE(ran);
+  EXPECT_FALSE(guardFired);
+  EXPECT_EQ(turns, 2);
+}
+
+TEST_F(EventLoopTest, AnEachTurnCallAloneKeepsNoRunGoing) {
+  int turns = 0;
+  Loop::Registration turn = loop_.eachTurn([&turns] { ++turns; });
+  bool ran = false;
+  Loop::Registration call = loop_.runSoon([&ran] { ran = true; });
+  loop_.run();  // returns once the deferred call has run: nothing else holds it
+  EXPECT_TRUE(ran);
+  EXPECT_GE(turns, 1);
+  EXPECT_TRUE(turn.active());
+}
+
 TEST_F(EventLoopTest, AWatchCallsBackWhileReadableAndNotAfterCancel) {
   Pipe pipe;
   int reads = 0;
@@ -227,10 +273,11 @@ TEST_F(EventLoopTest, DestroyingALoopReleasesWhatIsStillRegistered) {
   // so nothing touches the loop after it is gone; the loop frees the rest.
   Pipe pipe;
   auto loop = std::make_unique<Loop::UvEventLoop>();
-  alignas(Loop::Registration) unsigned char storage[3][sizeof(Loop::Registration)];
+  alignas(Loop::Registration) unsigned char storage[4][sizeof(Loop::Registration)];
   new (storage[0]) Loop::Registration(loop->watchReadable(pipe.readEnd(), [] {}));
   new (storage[1]) Loop::Registration(loop->timerRepeat(1ms, [] {}));
   new (storage[2]) Loop::Registration(loop->runSoon([] {}));
+  new (storage[3]) Loop::Registration(loop->eachTurn([] {}));
   pipe.put();
   loop->runOnce();
   loop.reset();
