@@ -21,6 +21,7 @@ CairnShadowBase::CairnShadowBase(Basalt::Platform::DebugHandler & handler, std::
       nudge(handler, *loop_) {
   nudge.wakeHookIs([this](uint64_t) { deferPass(); });
   nudge.disconnectHookIs([this] { lostWriter(); });
+  eachTurn_ = loop_->eachTurn([this] { passIfNews(); });
 }
 
 CairnShadowBase::~CairnShadowBase() = default;
@@ -189,6 +190,16 @@ void CairnShadowBase::deferPass() {
   }
   draining_ = true;
   passCall_ = loop_->runSoon([this] { pass(); });
+}
+
+// At a turn of the loop: the entries the queue holds beyond those taken are
+// applied now, when consuming is on, no pass is deferred already and the
+// socket to the writer stands (as a wake needs it: a shadow that lost its
+// writer takes nothing more until it has connected and walked the table).
+void CairnShadowBase::passIfNews() {
+  if (rippleEnabled_ && notifying_ && !draining_ && nudge.connected() && rippleReader.hasNews()) {
+    pass();
+  }
 }
 
 void CairnShadowBase::pass() {

@@ -48,7 +48,12 @@
 // ones (resync()) are mode resync, which compares and stays silent on the
 // slots found equal.
 //
-// Consuming the queue. A pass takes the queue's entries in order and calls
+// Consuming the queue. A pass begins when the writer's wake arrives, and
+// also, sooner, at any turn of the loop that finds entries the shadow has not
+// taken (RippleReader::hasNews, two loads; Loop::EventLoop::eachTurn): a loop
+// busy with other work sees a change without waiting for the wake's system
+// calls, and the wake that follows finds the queue empty. A pass takes the
+// queue's entries in order and calls
 // doSlot(slot, sequence, compare) for each, with `compare` from flag bit 1
 // (below). A pass runs until the queue is empty or yieldTime seconds have
 // passed (the clock read once every `sample` entries), and then defers the
@@ -240,6 +245,7 @@ class CairnShadowBase : public Basalt::Debuggable {
   void beginWalk(SyncerMode mode, bool async);
   void stopConsuming();
   void deferPass();
+  void passIfNews();
   void pass();
   bool applyEntries(uint64_t generation);
   void afterEmpty(uint64_t generation);
@@ -254,6 +260,7 @@ class CairnShadowBase : public Basalt::Debuggable {
   ArenaFiles::EpochId queueEpoch_;
   std::optional<bool> reportedQuiesced_;
   Loop::Registration passCall_;
+  Loop::Registration eachTurn_;  // passIfNews; last, so that it goes first
 };
 
 }  // namespace Cairn

@@ -72,6 +72,15 @@ void RippleReader::detach() {
   next_ = 0;
 }
 
+bool RippleReader::hasNews() const {
+  if (!attached_) {
+    return false;
+  }
+  // Pair with the swap and with the store that publishes an entry; what
+  // they show only prompts a pass, which checks everything again.
+  return loadSwapCount() != swapCount_ || observe32(notifications_[tableIndex_].table->size) > next_;
+}
+
 uint32_t RippleReader::slotAhead(uint32_t distance) const {
   const RippleNotifications & table = notifications_[tableIndex_];
   const uint64_t index = uint64_t{next_} + distance;

@@ -78,6 +78,11 @@ class RippleReader : public RippleTable {
   // trusted: no size or swap is checked, so it may be any word (a tombstone,
   // a gap, an entry not yet published); RIPPLE_TOMBSTONED past the mapping.
   uint32_t slotAhead(uint32_t distance) const;
+  // True when the writer has published an entry at or past the one
+  // nextEntry looks at next, or swapped its tables: two loads and no system
+  // call, for a consumer that looks at every turn of its loop. A hint only:
+  // nextEntry decides what there is (that entry may be a tombstone).
+  bool hasNews() const;
   // True if this reader has applied the writer's last notification. Never throws.
   bool quiesced() const;
   // True if the entry at `position` still stands: its table is still current

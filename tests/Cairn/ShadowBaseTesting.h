@@ -134,6 +134,9 @@ class MapShadow : public Cairn::CairnShadowBase {
       counters().sequence = sequence;
     }
     slotCalls.push_back({Call::slot, slotIndex, sequence, compare});
+    if (live && onLiveSlot) {
+      onLiveSlot();
+    }
     if (otherKey) {
       deleted.push_back(local->key.number);
       local.reset();
@@ -207,6 +210,7 @@ class MapShadow : public Cairn::CairnShadowBase {
   unsigned disconnects = 0;
   unsigned failures = 0;
   std::string entryFault;  // when set, a queue entry raises corruption with this text
+  std::function<void()> onLiveSlot;  // when set, runs as a queue entry is applied
 };
 
 }  // namespace ShadowTest

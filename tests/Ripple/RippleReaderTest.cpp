@@ -188,6 +188,29 @@ TEST_F(RippleReaderTest, SlotAheadNamesTheSlotOfALaterEntryAndNothingPastTheMapp
   EXPECT_EQ(entry.slot, 12u);
 }
 
+TEST_F(RippleReaderTest, HasNewsWhileAnEntryOrASwapIsUntakenAndNotOnceTaken) {
+  WriterFixture writer(directory, PruneMode::Synchronous);
+  ReaderFixture fixture(directory);
+  EXPECT_FALSE(fixture.reader.hasNews());  // not attached
+  ASSERT_TRUE(fixture.reader.attach(epochA));
+  EXPECT_FALSE(fixture.reader.hasNews());
+  writer.writer.notify(5);
+  EXPECT_TRUE(fixture.reader.hasNews());
+  Ripple::Notification entry{};
+  ASSERT_TRUE(fixture.reader.nextEntry(entry));
+  EXPECT_FALSE(fixture.reader.hasNews());
+  writer.writer.notify(5);  // tombstones the entry taken, appends one
+  EXPECT_TRUE(fixture.reader.hasNews());
+  ASSERT_TRUE(fixture.reader.nextEntry(entry));
+  EXPECT_FALSE(fixture.reader.nextEntry(entry));
+  EXPECT_FALSE(fixture.reader.hasNews());
+  notifyUntilSwap(writer, 6);
+  EXPECT_TRUE(fixture.reader.hasNews());
+  while (fixture.reader.nextEntry(entry)) {
+  }
+  EXPECT_FALSE(fixture.reader.hasNews());
+}
+
 // ---------------------------------------------------------------- validateNotif
 
 TEST_F(RippleReaderTest, ValidateNotifIsFalseOnATombstoneAndAfterASwap) {
