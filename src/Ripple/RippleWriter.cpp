@@ -393,8 +393,7 @@ void RippleWriter::compact(LeaveOut out) {
     appendGap();
     positions_.releaseFrom(out.from);  // no given-back slot has an entry now
   }
-  releaseUnusedPages(1 - current_, 0);
-  releaseUnusedPages(current_, observe32(current().size));
+  releaseUnusedPages();
   BASALT_TRACE(debugHandler(), 2, "RippleWriter::compact() {} swapCount:{} kept:{} of {} entries capacity:{}",
                directory_, observe32(control_->swapCount), copied, size, capacity);
 }
@@ -427,10 +426,20 @@ void RippleWriter::compactIfGivenBack() {
   }
 }
 
-// The pages of table `index` past its first `entries` entries go back to the
-// system (see the header). A refusal (traced by the wrapper) costs memory only.
-void RippleWriter::releaseUnusedPages(unsigned index, uint32_t entries) {
-  tableFiles_[index].releaseTail(tableFileSize(entries));
+// After a swap, in both tables, the pages past room for twice the entries
+// the current table holds go back to the system (see the header), when that
+// room is at most half its capacity: a queue in steady use, whose
+// compactions fill the same pages again at once, keeps them (giving them
+// back cost a page fault and a zeroed page each, every compaction). A
+// refusal (traced by the wrapper) costs memory only.
+void RippleWriter::releaseUnusedPages() {
+  const uint64_t room = uint64_t{2} * observe32(current().size);
+  if (2 * room > observe32(current().capacity)) {
+    return;
+  }
+  for (unsigned index : {0u, 1u}) {
+    tableFiles_[index].releaseTail(tableFileSize(static_cast<uint32_t>(room)));
+  }
 }
 
 void RippleWriter::growCurrent() {

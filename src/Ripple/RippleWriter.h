@@ -18,9 +18,11 @@
 // that they fill at most half of it, publishes that table's size, and swaps
 // by one store of swapCount. The last entry is always copied, tombstoned or
 // not, so that the latest sequence stays visible to RippleReader::quiesced.
-// After the swap the pages of both tables past what they hold go back to the
-// system: the old table's content is void for every reader (invariant 5), and
-// the new table's past its size is trusted by none (invariant 2).
+// After a swap that leaves the current table at most a quarter full, the pages
+// of both tables past room for twice its entries go back to the system: the
+// old table's content is void for every reader (invariant 5), and the new
+// table's past its size is trusted by none (invariant 2). A queue in steady
+// use keeps its pages.
 //
 // Gaps. A table that shrinks gives slots back, and the queue would keep the
 // live entry of each (their emptying) for ever: after a table of a million
@@ -180,7 +182,7 @@ class RippleWriter : public RippleTable {
   void compact(LeaveOut out);
   void compactIfGivenBack();
   void appendGap();
-  void releaseUnusedPages(unsigned index, uint32_t entries);
+  void releaseUnusedPages();
   void growCurrent();
   uint32_t doubled(uint32_t capacity) const;
   void mapTable(unsigned index, uint32_t capacity);
