@@ -131,20 +131,13 @@ void BucketWriterTable::cleanup() {
   wrapper_.remove();
 }
 
-SlotLink * BucketWriterTable::operator[](uint32_t index) const {
-  if (header_ == nullptr || index >= numBuckets_) {
-    throw Basalt::CorruptionDetectedException(fmt::format(
-        "BucketWriter::operator[] out-of-range, index:{} max:{}", index, static_cast<int64_t>(numBuckets_) - 1));
-  }
-  return entries() + index;
+void BucketWriterTable::throwOutOfRange(uint32_t index) const {
+  throw Basalt::CorruptionDetectedException(fmt::format(
+      "BucketWriter::operator[] out-of-range, index:{} max:{}", index, static_cast<int64_t>(numBuckets_) - 1));
 }
 
 std::string BucketWriterTable::toString() const {
   return header_ == nullptr ? std::string("BucketTable::Header() detached") : header_->toString();
-}
-
-SlotLink * BucketWriterTable::entries() const {
-  return reinterpret_cast<SlotLink *>(reinterpret_cast<char *>(header_) + BucketHeaderSize);
 }
 
 void BucketWriterTable::countIs(uint32_t numBuckets) {

@@ -38,7 +38,15 @@ class BucketWriterTable : public Basalt::Debuggable {
   // Puts the mapping into core dumps (a table refused at start).
   void dumpToCoreIs(bool on) { wrapper_.dumpToCoreIs(on); }
 
-  SlotLink * operator[](uint32_t index) const;
+  // The entry's address; past the count (or detached),
+  // "BucketWriter::operator[] out-of-range, index:<i> max:<count - 1>".
+  // Inline: every operation takes it; the throw is out of line.
+  SlotLink * operator[](uint32_t index) const {
+    if (header_ == nullptr || index >= numBuckets_) [[unlikely]] {
+      throwOutOfRange(index);
+    }
+    return entries() + index;
+  }
   BucketTableHeader * header() const { return header_; }
   uint32_t numBuckets() const { return numBuckets_; }
   uint32_t numBucketBits() const { return numBucketBits_; }
@@ -46,7 +54,10 @@ class BucketWriterTable : public Basalt::Debuggable {
   std::string toString() const;
 
  private:
-  SlotLink * entries() const;
+  SlotLink * entries() const {
+    return reinterpret_cast<SlotLink *>(reinterpret_cast<char *>(header_) + BucketHeaderSize);
+  }
+  [[noreturn]] void throwOutOfRange(uint32_t index) const;
   void countIs(uint32_t numBuckets);
   void remap(std::size_t bytes, const char * function);
   void format(ArenaFiles::EpochId epochId);

@@ -52,12 +52,17 @@ class SlotReaderTable final : public SlotTable<Value> {
     const Slot * base = nullptr;
     uint32_t count = 0;
 
+    // Inline on every read; the throw is out of line, so that the bound
+    // check costs a compare and a branch.
     const Slot * operator[](uint32_t index) const {
       if (index >= count) [[unlikely]] {
-        throw Basalt::CorruptionDetectedException(
-            fmt::format("SlotReader::Slots::operator[] out-of-range index:{} numSlots:{}", index, count));
+        outOfRange(index, count);
       }
       return base + index;
+    }
+    [[noreturn, gnu::noinline, gnu::cold]] static void outOfRange(uint32_t index, uint32_t count) {
+      throw Basalt::CorruptionDetectedException(
+          fmt::format("SlotReader::Slots::operator[] out-of-range index:{} numSlots:{}", index, count));
     }
   };
 

@@ -56,12 +56,17 @@ class SlotWriterTable : public SlotTable<Value> {
     Slot * base = nullptr;
     uint32_t maxIndex = 0;
 
+    // Inline on every access; the throw is out of line, so that the bound
+    // check costs a compare and a branch.
     Slot * operator[](uint32_t index) const {
-      if (base == nullptr || index > maxIndex) {
-        throw Basalt::CorruptionDetectedException(
-            fmt::format("SlotWriter::Slots::operator[] out-of-range index: {} max:{}", index, maxIndex));
+      if (base == nullptr || index > maxIndex) [[unlikely]] {
+        outOfRange(index, maxIndex);
       }
       return base + index;
+    }
+    [[noreturn, gnu::noinline, gnu::cold]] static void outOfRange(uint32_t index, uint32_t maxIndex) {
+      throw Basalt::CorruptionDetectedException(
+          fmt::format("SlotWriter::Slots::operator[] out-of-range index: {} max:{}", index, maxIndex));
     }
   };
 
