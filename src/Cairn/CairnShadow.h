@@ -130,11 +130,7 @@ class CairnShadow : public CairnShadowBase, public CairnInterface<K, V> {
     return done;
   }
   void doFlushSlot(unsigned slotIndex) override { store_->doFlushSlot(slotIndex); }
-  void prefetchSlot(uint32_t slotIndex) const override {
-    if (store_ != nullptr) {
-      store_->prefetch(slotIndex);
-    }
-  }
+  void prefetchSlot(uint32_t slotIndex) const override { store_->prefetch(slotIndex); }
 
   void syncComplete() override {
     counters().sequence = syncSequence();

@@ -237,15 +237,15 @@ bool CairnShadowBase::applyEntries(uint64_t generation) {
       resync();
       return false;
     }
+    // The slot of an entry a few places on is touched now, so that when its
+    // turn comes it is in the cache: a shadow catching up with changes
+    // scattered over the table otherwise waits out one miss after another.
+    prefetchSlot(rippleReader.slotAhead(PrefetchDistance));
     // False passes the entry over: its change comes with a later entry (see the header).
     // True applies the entry even where the shadow had nothing to do and
     // recorded nothing (a slot free in the table and in the copy, or past the
     // table's end): were its sequence left unrecorded, a last entry of that
     // kind would keep quiesced() false until the writer's next change.
-    // The slot of an entry a few places on is touched now, so that when its
-    // turn comes it is in the cache: a shadow catching up with changes
-    // scattered over the table otherwise waits out one miss after another.
-    prefetchSlot(rippleReader.slotAhead(PrefetchDistance));
     const bool applied = doSlot(entry.slot, entry.sequence(), compare);
     if (applied && generation == generation_ && counters_.sequence < entry.sequence()) {
       counters_.sequence = entry.sequence();

@@ -53,9 +53,8 @@
 // taken (RippleReader::hasNews, two loads; Loop::EventLoop::eachTurn): a loop
 // busy with other work sees a change without waiting for the wake's system
 // calls, and the wake that follows finds the queue empty. A pass takes the
-// queue's entries in order and calls
-// doSlot(slot, sequence, compare) for each, with `compare` from flag bit 1
-// (below). A pass runs until the queue is empty or yieldTime seconds have
+// queue's entries in order and calls doSlot(slot, sequence, compare) for
+// each, with `compare` from flag bit 1 (below). A pass runs until the queue is empty or yieldTime seconds have
 // passed (the clock read once every `sample` entries), and then defers the
 // next pass, so that a burst never holds the loop. A doSlot false passes the
 // entry over, and needs nothing more: the store stayed as it was and

@@ -39,7 +39,8 @@ namespace Loop {
 class EventLoop;
 
 // The handle of one piece of work registered on a loop: an fd watch, a
-// timer, a deferred call or a per-iteration call. Move-only; destroying it cancels the work.
+// timer, a deferred call or a per-iteration call. Move-only; destroying it
+// cancels the work.
 class [[nodiscard]] Registration {
  public:
   Registration() = default;
